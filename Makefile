@@ -1,0 +1,75 @@
+# Every target installs what it needs from Debian first, so a fresh machine needs only make.
+#   make demo   the main job (see README)
+#   make test   normal suite, ASan+UBSan suite and short fuzz runs
+#   make tsan   the suite under ThreadSanitizer
+#   make bench  micro-benchmarks
+#   make fuzz   every fuzzer for FUZZ_SECONDS each
+
+SHELL := /bin/bash
+SUDO := $(shell [ "$$(id -u)" -eq 0 ] || echo sudo)
+JOBS ?= $(shell nproc)
+FUZZ_SECONDS ?= 20
+WERROR := $(if $(CI),ON,OFF)
+
+PACKAGES := g++ clang libclang-rt-14-dev cmake ninja-build pkg-config \
+  libgtest-dev libgmock-dev libbenchmark-dev libasio-dev nlohmann-json3-dev \
+  libnftables-dev nftables iproute2 procps curl openssl
+
+CONFIGURE = cmake -S . -G Ninja -DTARNWICK_WERROR=$(WERROR)
+CTEST = ctest --output-on-failure -j $(JOBS) --timeout 300
+
+.PHONY: deps build test test-normal asan-build test-asan tsan bench fuzz demo clean
+
+deps:
+	@missing=$$(for p in $(PACKAGES); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null \
+	  | grep -q 'install ok installed' || echo $$p; done); \
+	if [ -n "$$missing" ]; then \
+	  echo "Installing:" $$missing; \
+	  $(SUDO) apt-get update -qq && \
+	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing; \
+	fi
+
+build: deps
+	$(CONFIGURE) -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	ninja -C build -j $(JOBS)
+
+test-normal: build
+	cd build && $(CTEST)
+
+# The sanitizer build also carries the fuzzers' coverage instrumentation, so one clang build
+# serves both the ASan+UBSan suite and the fuzz runs.
+asan-build: deps
+	CC=clang CXX=clang++ $(CONFIGURE) -B build-asan -DCMAKE_BUILD_TYPE=Debug \
+	  -DTARNWICK_SANITIZE=address,undefined -DTARNWICK_FUZZ=ON -DTARNWICK_BENCH=OFF >/dev/null
+	ninja -C build-asan -j $(JOBS)
+
+test-asan: asan-build
+	cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 $(CTEST)
+
+test: test-normal test-asan fuzz
+
+tsan: deps
+	CC=clang CXX=clang++ $(CONFIGURE) -B build-tsan -DCMAKE_BUILD_TYPE=Debug \
+	  -DTARNWICK_SANITIZE=thread -DTARNWICK_BENCH=OFF >/dev/null
+	ninja -C build-tsan -j $(JOBS)
+	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 $(CTEST)
+
+bench: build
+	@for b in build/bench/*_bench; do [ -x "$$b" ] && "$$b" --benchmark_min_time=0.2; done
+
+fuzz: asan-build
+	@shopt -s nullglob; for f in build-asan/tests/fuzz/*_fuzzer; do \
+	  name=$$(basename $$f); corpus=build-asan/corpus/$$name; mkdir -p $$corpus; \
+	  seeds=tests/fuzz/corpus/$${name%_fuzzer}; [ -d $$seeds ] || seeds=; \
+	  echo "== $$name for $(FUZZ_SECONDS)s"; \
+	  $$f -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 $$corpus $$seeds 2>&1 \
+	    | grep -E '^(stat::number_of_executed_units|==|INFO: Done|.*ERROR)' || exit 1; \
+	  test $${PIPESTATUS[0]} -eq 0 || exit 1; \
+	done
+
+demo: build
+	./build/src/cli/tarnwick-proxyext --help
+
+clean:
+	rm -rf build build-asan build-tsan
