@@ -9,6 +9,7 @@ namespace tarnwick {
 namespace {
 
 struct HexCase {
+  const char* name;
   std::vector<std::uint8_t> bytes;
   std::string hex;
 };
@@ -19,11 +20,14 @@ TEST_P(EncodeHexTest, RendersHighNibbleFirstInLowercase) {
   EXPECT_EQ(TraceID::encodeHex(GetParam().bytes), GetParam().hex);
 }
 
-INSTANTIATE_TEST_SUITE_P(Table, EncodeHexTest,
-                         ::testing::Values(HexCase{{}, ""}, HexCase{{0, 255}, "00ff"},
-                                           HexCase{{171}, "ab"},
-                                           HexCase{{0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef},
-                                                   "0123456789abcdef"}));
+INSTANTIATE_TEST_SUITE_P(
+    Table, EncodeHexTest,
+    ::testing::Values(HexCase{"Empty", {}, ""}, HexCase{"Extremes", {0, 255}, "00ff"},
+                      HexCase{"OneByte", {171}, "ab"},
+                      HexCase{"EveryNibble",
+                              {0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef},
+                              "0123456789abcdef"}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST(TraceIDTest, MintedIdentifiersAreSixteenLowercaseHexCharactersAndDistinct) {
   std::set<std::string> seen;
