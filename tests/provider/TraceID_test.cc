@@ -27,7 +27,7 @@ INSTANTIATE_TEST_SUITE_P(
                       HexCase{"EveryNibble",
                               {0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef},
                               "0123456789abcdef"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& param) { return std::string(param.param.name); });
 
 TEST(TraceIDTest, MintedIdentifiersAreSixteenLowercaseHexCharactersAndDistinct) {
   std::set<std::string> seen;
