@@ -1,0 +1,197 @@
+#pragma once
+// Test support for the relay engine: a provider double that records what the engine tells it, and
+// a harness that runs one engine on the simulated runtime with scripted connections and flows.
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/testing/CaptureLogSink.h"
+#include "platform/testing/ScriptedConnection.h"
+#include "platform/testing/ScriptedFlow.h"
+#include "platform/testing/SimulatedRuntime.h"
+#include "relay/RelayContext.h"
+#include "relay/RelayEngine.h"
+#include "relay/RelaySession.h"
+
+namespace tarnwick {
+
+// Names TEST_P cases after their `name` field.
+struct CaseName {
+  template <typename Param>
+  std::string operator()(const ::testing::TestParamInfo<Param>& param) const {
+    return param.param.name;
+  }
+};
+
+class FakeRelayContext : public RelayContext {
+ public:
+  static constexpr std::int64_t kTimestampNs = 1767225600123456789;
+
+  void circuitRecordFailure() override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++circuitFailures_;
+  }
+  void circuitRecordSuccess() override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++circuitSuccesses_;
+  }
+  void retainSession(const std::shared_ptr<RelaySession>& session) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++retains_;
+    retained_[session.get()] = session;
+  }
+  void releaseSession(const RelaySession* session) override {
+    std::shared_ptr<RelaySession> released;
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++releases_;
+    if (auto it = retained_.find(session); it != retained_.end()) {
+      released = std::move(it->second);
+      retained_.erase(it);
+    }
+  }
+  std::int64_t currentTimestampNs() const override { return kTimestampNs; }
+  void sendEvent(Json event) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    events_.push_back(std::move(event));
+  }
+  void recordCommittedSeverIfUnhealthy() override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++severs_;
+  }
+
+  std::vector<Json> events() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return events_;
+  }
+  std::vector<Json> ofKind(const std::string& kind) const {
+    std::vector<Json> out;
+    for (const auto& e : events()) {
+      if (e.value("kind", "") == kind) out.push_back(e);
+    }
+    return out;
+  }
+  // "kind" or "kind:reason" of every event, in order.
+  std::vector<std::string> eventTrail() const {
+    std::vector<std::string> out;
+    for (const auto& e : events()) {
+      std::string entry = e.value("kind", "");
+      if (e.contains("reason")) entry += ":" + e.value("reason", "");
+      out.push_back(entry);
+    }
+    return out;
+  }
+  int circuitFailures() const { return read(circuitFailures_); }
+  int circuitSuccesses() const { return read(circuitSuccesses_); }
+  int retains() const { return read(retains_); }
+  int releases() const { return read(releases_); }
+  int severs() const { return read(severs_); }
+  std::size_t retainedCount() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return retained_.size();
+  }
+  std::shared_ptr<RelaySession> onlySession() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return retained_.size() == 1 ? retained_.begin()->second : nullptr;
+  }
+
+ private:
+  int read(const int& counter) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return counter;
+  }
+
+  mutable std::mutex mutex_;
+  int circuitFailures_ = 0;
+  int circuitSuccesses_ = 0;
+  int retains_ = 0;
+  int releases_ = 0;
+  int severs_ = 0;
+  std::vector<Json> events_;
+  std::map<const RelaySession*, std::shared_ptr<RelaySession>> retained_;
+};
+
+inline Bytes patternBytes(std::size_t size, std::size_t offset = 0) {
+  Bytes out(size);
+  for (std::size_t i = 0; i < size; ++i) out[i] = static_cast<std::uint8_t>((offset + i) * 31 + 7);
+  return out;
+}
+
+inline Bytes concat(std::initializer_list<Bytes> parts) {
+  Bytes out;
+  for (const auto& p : parts) out.insert(out.end(), p.begin(), p.end());
+  return out;
+}
+
+// One engine with a front door at 127.0.0.1:9000, on the simulated runtime. Connections are made
+// in order: front-door attempts first, then direct connections.
+class RelayHarness {
+ public:
+  static constexpr std::uint16_t kFrontDoorPort = 9000;
+  static constexpr const char* kAck = "HTTP/1.1 200 Connection established\r\n\r\n";
+
+  explicit RelayHarness(std::uint64_t seed = 1, RelayTiming timing = {})
+      : env(SimulatedRuntime::create({.seed = seed})),
+        framework(env->makeQueue("framework", QualityOfService::Default)),
+        connections(std::make_shared<ScriptedConnectionFactory>()),
+        context(std::make_shared<FakeRelayContext>()),
+        engine(env, connections, context, timing) {
+    engine.setFrontDoor("127.0.0.1", kFrontDoorPort);
+  }
+
+  std::shared_ptr<ScriptedTCPFlow> makeFlow(const FlowTarget& target = defaultTarget()) {
+    return std::make_shared<ScriptedTCPFlow>(framework,
+                                             NEFlowMetaData{"/usr/bin/agent", std::nullopt},
+                                             NWHostEndpoint{target.host, target.port});
+  }
+
+  static FlowTarget defaultTarget() { return {"198.18.0.10", "443"}; }
+
+  // Relays a new flow to `target` and runs until idle.
+  std::shared_ptr<ScriptedTCPFlow> relay(const FlowTarget& target = defaultTarget()) {
+    auto flow = makeFlow(target);
+    engine.relay(flow, target, 4242, "/usr/bin/agent", "9f3c0a1b2c3d4e5f");
+    env->runUntilIdle();
+    return flow;
+  }
+
+  // Relays a new flow whose first front-door attempt accepts and acknowledges: a running session.
+  std::shared_ptr<ScriptedTCPFlow> relayToSession(const FlowTarget& target = defaultTarget()) {
+    auto flow = relay(target);
+    auto frontDoor = connection(0);
+    frontDoor->becomeReady();
+    frontDoor->deliver(bytesOf(kAck));
+    env->runUntilIdle();
+    return flow;
+  }
+
+  std::shared_ptr<ScriptedConnection> connection(std::size_t index) const {
+    const auto made = connections->made();
+    return index < made.size() ? made[index] : nullptr;
+  }
+  std::size_t connectionCount() const { return connections->made().size(); }
+  bool isFrontDoor(const ScriptedConnection& c) const {
+    return c.endpoint().host == "127.0.0.1" && c.endpoint().port.rawValue() == kFrontDoorPort;
+  }
+  // Payload the front door received after the preamble.
+  static Bytes afterPreamble(const ScriptedConnection& c) {
+    const Bytes sent = c.sent();
+    const auto text = textOf(sent);
+    const auto end = text.find("\r\n\r\n");
+    if (end == std::string_view::npos) return {};
+    return Bytes(sent.begin() + static_cast<long>(end + 4), sent.end());
+  }
+
+  ScopedLogCapture log;
+  std::shared_ptr<SimulatedRuntime> env;
+  std::shared_ptr<DispatchQueue> framework;
+  std::shared_ptr<ScriptedConnectionFactory> connections;
+  std::shared_ptr<FakeRelayContext> context;
+  RelayEngine engine;
+};
+
+}  // namespace tarnwick
