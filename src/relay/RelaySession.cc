@@ -238,6 +238,9 @@ void RelaySession::onUpstreamWriteFailed() {
       return;
     case Next::Failover:
       failover(FailOpenReason::RelayWriteFailed);
+      // The failed send was the agent pump's outstanding operation; its bytes are in the replay
+      // copy. Keep reading, or the agent's later bytes and its end would never be seen.
+      readAgent();
       return;
     case Next::Sever:
       reportSever();

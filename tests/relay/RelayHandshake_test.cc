@@ -304,6 +304,30 @@ TEST_F(RelayHandshakeTest, GoodAcknowledgementAfterTheBudgetIsIgnored) {
   h_.env->runUntilIdle();
 }
 
+// The acknowledgement's completion is already queued behind the budget's firing when the budget
+// settles the relay; the seeds decide which of the two queues runs first at t=2.5s.
+TEST(RelayHandshakeRaceTest, GoodAcknowledgementQueuedBehindTheBudgetIsIgnored) {
+  int raced = 0;
+  for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+    RelayHarness h(seed);
+    auto flow = h.relay();
+    auto frontDoor = h.connection(0);
+    frontDoor->becomeReady();
+    auto other = h.env->makeQueue("front door", QualityOfService::Default);
+    other->asyncAfter(2500ms, [&] {
+      if (!frontDoor->cancelled()) ++raced;
+      frontDoor->deliver(bytesOf(RelayHarness::kAck));
+    });
+    h.env->advance(5s);
+    EXPECT_EQ(h.context->retains(), 0) << "seed " << seed;
+    EXPECT_EQ(h.context->eventTrail(), std::vector<std::string>{"relay.failopen:handshake-timeout"})
+        << "seed " << seed;
+    h.connection(1)->fail(ECONNREFUSED);
+    h.env->runUntilIdle();
+  }
+  EXPECT_GT(raced, 0) << "no seed queued the acknowledgement behind the budget";
+}
+
 TEST_F(RelayHandshakeTest, AcknowledgementJustInsideTheBudgetWins) {
   auto flow = h_.relay();
   h_.connection(0)->becomeReady();

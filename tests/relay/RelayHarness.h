@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -134,13 +135,29 @@ class RelayHarness {
   static constexpr std::uint16_t kFrontDoorPort = 9000;
   static constexpr const char* kAck = "HTTP/1.1 200 Connection established\r\n\r\n";
 
-  explicit RelayHarness(std::uint64_t seed = 1, RelayTiming timing = {})
-      : env(SimulatedRuntime::create({.seed = seed})),
-        framework(env->makeQueue("framework", QualityOfService::Default)),
+  // A Blocking `frameworkKind` runs flow completions on a real thread of their own, as the
+  // framework does, concurrently with the simulated relay queues.
+  explicit RelayHarness(std::uint64_t seed = 1, RelayTiming timing = {},
+                        QueueKind frameworkKind = QueueKind::Serial)
+      : frameworkKind_(frameworkKind),
+        env(SimulatedRuntime::create({.seed = seed})),
+        framework(env->makeQueue("framework", QualityOfService::Default, frameworkKind)),
         connections(std::make_shared<ScriptedConnectionFactory>()),
         context(std::make_shared<FakeRelayContext>()),
         engine(env, connections, context, timing) {
     engine.setFrontDoor("127.0.0.1", kFrontDoorPort);
+  }
+
+  // A real framework thread may still be finishing a completion that holds the last reference to
+  // a flow (and through it to the thread's own queue); let it finish first.
+  ~RelayHarness() { drainFramework(); }
+
+  // Waits until a real framework thread has run everything handed to it so far.
+  void drainFramework() {
+    if (frameworkKind_ != QueueKind::Blocking) return;
+    std::promise<void> drained;
+    framework->async([&drained] { drained.set_value(); });
+    drained.get_future().wait();
   }
 
   std::shared_ptr<ScriptedTCPFlow> makeFlow(const FlowTarget& target = defaultTarget()) {
@@ -186,12 +203,43 @@ class RelayHarness {
     return Bytes(sent.begin() + static_cast<long>(end + 4), sent.end());
   }
 
+  const QueueKind frameworkKind_;
   ScopedLogCapture log;
   std::shared_ptr<SimulatedRuntime> env;
   std::shared_ptr<DispatchQueue> framework;
   std::shared_ptr<ScriptedConnectionFactory> connections;
   std::shared_ptr<FakeRelayContext> context;
   RelayEngine engine;
+};
+
+// A relay whose front door has acknowledged: a running session at t=0.
+class SessionFixture {
+ public:
+  SessionFixture()
+      : flow(h.relayToSession()), frontDoor(h.connection(0)), started(h.env->monotonicNow()) {}
+
+  // The direct connection of a failover, once dialled.
+  std::shared_ptr<ScriptedConnection> direct() const { return h.connection(1); }
+  void agentSends(const Bytes& bytes) {
+    flow->agentSends(bytes);
+    h.env->runUntilIdle();
+  }
+  // Moves the clock to `t` after the session started.
+  void advanceTo(Duration t) { h.env->advance(started + t - h.env->monotonicNow()); }
+  // Lets any failover complete, then ends the agent's side, so every session is over.
+  void settle() {
+    if (auto d = direct(); d && d->state() == NWConnectionState::Kind::Preparing) {
+      d->becomeReady();
+    }
+    h.env->runUntilIdle();
+    flow->agentEnds();
+    h.env->runUntilIdle();
+  }
+
+  RelayHarness h;
+  std::shared_ptr<ScriptedTCPFlow> flow;
+  std::shared_ptr<ScriptedConnection> frontDoor;
+  MonotonicTime started;
 };
 
 }  // namespace tarnwick
