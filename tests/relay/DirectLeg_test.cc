@@ -264,19 +264,5 @@ TEST_F(DirectLegTest, ProviderGoneStopsThePumpsWhereTheyAre) {
   EXPECT_FALSE(conn->cancelled());
 }
 
-TEST_F(DirectLegTest, CloseEventCarriesTheSixKeys) {
-  auto flow = dialReady();
-  flow->agentEnds();
-  h.env->runUntilIdle();
-  const auto events = h.context->ofKind("relay.close");
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0], (Json{{"kind", "relay.close"},
-                             {"pid", 4242},
-                             {"signing_id", "/usr/bin/agent"},
-                             {"dest_host", "198.18.0.10"},
-                             {"dest_port", 443},
-                             {"ts", FakeRelayContext::kTimestampNs}}));
-}
-
 }  // namespace
 }  // namespace tarnwick

@@ -182,64 +182,58 @@ TEST(AckScannerLimitTest, OneByteMoreWithoutTheTerminatorIsBad) {
   EXPECT_EQ(scanner.append(Bytes{'a'}), AckScanner::Verdict::Bad);
 }
 
-// readAck on a scripted connection: how deliveries, ends and errors decide it.
-class ReadAckTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    conn_->start(queue_);
-    conn_->becomeReady();
-    readAck(conn_, [this](bool good) { results_.push_back(good); });
-  }
-
-  std::shared_ptr<SimulatedRuntime> env_ = SimulatedRuntime::create();
-  std::shared_ptr<DispatchQueue> queue_ = env_->makeQueue("q", QualityOfService::Default);
-  std::shared_ptr<ScriptedConnection> conn_ = std::make_shared<ScriptedConnection>(
-      NWEndpoint::hostPort("127.0.0.1", *NWEndpointPort::make(9000)));
-  std::vector<bool> results_;
+// readAck on a scripted connection: how deliveries, ends and errors decide it. Every delivery
+// is scripted before the first receive runs; the verdict must come exactly once and no receive
+// may be left behind.
+struct Delivery {
+  std::optional<Bytes> content;
+  bool isComplete = false;
+  bool error = false;
 };
 
-TEST_F(ReadAckTest, ReplyLargerThanOneReceiveIsReadInPieces) {
-  conn_->deliver(bytesOf("HTTP/1.1 200 OK\r\nX-Pad: " + std::string(3000, 'p') + "\r\n\r\n"));
-  env_->runUntilIdle();
-  EXPECT_EQ(results_, std::vector<bool>{true});
+struct ReadAckCase {
+  const char* name;
+  std::vector<Delivery> deliveries;
+  bool good;
+};
+
+class ReadAckTest : public ::testing::TestWithParam<ReadAckCase> {};
+
+TEST_P(ReadAckTest, JudgesOnce) {
+  auto env = SimulatedRuntime::create();
+  auto conn = std::make_shared<ScriptedConnection>(
+      NWEndpoint::hostPort("127.0.0.1", *NWEndpointPort::make(9000)));
+  conn->start(env->makeQueue("q", QualityOfService::Default));
+  conn->becomeReady();
+  std::vector<bool> results;
+  readAck(conn, [&](bool good) { results.push_back(good); });
+  for (const auto& d : GetParam().deliveries) {
+    conn->deliver(d.content, d.isComplete,
+                  d.error ? std::optional(NWError::fromErrno(ECONNRESET)) : std::nullopt);
+  }
+  env->runUntilIdle();
+  EXPECT_EQ(results, std::vector<bool>{GetParam().good});
+  EXPECT_EQ(conn->pendingReceives(), 0u);
 }
 
-TEST_F(ReadAckTest, EndOfStreamBeforeTheTerminatorIsBad) {
-  conn_->deliver(bytesOf("HTTP/1.1 200 OK\r\n"));
-  conn_->deliverEnd();
-  env_->runUntilIdle();
-  EXPECT_EQ(results_, std::vector<bool>{false});
-}
+const Bytes kOk = bytesOf("HTTP/1.1 200 OK\r\n\r\n");
 
-TEST_F(ReadAckTest, ErrorBeforeTheTerminatorIsBad) {
-  conn_->deliver(std::nullopt, false, NWError::fromErrno(ECONNRESET));
-  env_->runUntilIdle();
-  EXPECT_EQ(results_, std::vector<bool>{false});
-}
-
-TEST_F(ReadAckTest, TerminatorInTheLastChunkWinsOverItsEndFlag) {
-  conn_->deliver(bytesOf("HTTP/1.1 200 OK\r\n\r\n"), true, NWError::fromErrno(ECONNRESET));
-  env_->runUntilIdle();
-  EXPECT_EQ(results_, std::vector<bool>{true});
-}
-
-TEST_F(ReadAckTest, EmptyDeliveryLeadsToAnotherReceive) {
-  conn_->deliver(Bytes{});
-  env_->runUntilIdle();
-  EXPECT_TRUE(results_.empty());
-  EXPECT_EQ(conn_->pendingReceives(), 1u);
-  conn_->deliver(bytesOf("HTTP/1.1 200 OK\r\n\r\n"));
-  env_->runUntilIdle();
-  EXPECT_EQ(results_, std::vector<bool>{true});
-}
-
-TEST_F(ReadAckTest, TooLongHeadIsJudgedOnceAndReadNoFurther) {
-  conn_->deliver(Bytes(8193, 'a'));
-  conn_->deliver(bytesOf("\r\n\r\n"));
-  env_->runUntilIdle();
-  EXPECT_EQ(results_, std::vector<bool>{false});
-  EXPECT_EQ(conn_->pendingReceives(), 0u);
-}
+INSTANTIATE_TEST_SUITE_P(
+    Deliveries, ReadAckTest,
+    ::testing::Values(
+        ReadAckCase{"ReplyLargerThanOneReceive",
+                    {{bytesOf("HTTP/1.1 200 OK\r\nX-Pad: " + std::string(3000, 'p') + "\r\n\r\n")}},
+                    true},
+        ReadAckCase{"EndOfStreamBeforeTheTerminator",
+                    {{bytesOf("HTTP/1.1 200 OK\r\n")}, {std::nullopt, true}},
+                    false},
+        ReadAckCase{"ErrorBeforeTheTerminator", {{std::nullopt, false, true}}, false},
+        ReadAckCase{"TerminatorWinsOverTheEndFlagOfItsChunk", {{kOk, true, true}}, true},
+        ReadAckCase{"EmptyDeliveryLeadsToAnotherReceive", {{Bytes{}}, {kOk}}, true},
+        ReadAckCase{"TooLongHeadIsJudgedWithoutReadingFurther",
+                    {{Bytes(8193, 'a')}, {bytesOf("\r\n\r\n")}},
+                    false}),
+    CaseName());
 
 }  // namespace
 }  // namespace tarnwick

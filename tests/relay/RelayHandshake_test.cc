@@ -340,18 +340,6 @@ TEST_F(RelayHandshakeTest, AcknowledgementJustInsideTheBudgetWins) {
   h_.env->runUntilIdle();
 }
 
-TEST_F(RelayHandshakeTest, AcknowledgementSplitByteByByteIsRecognised) {
-  auto flow = h_.relay();
-  auto conn = h_.connection(0);
-  conn->becomeReady();
-  for (char ch : std::string(RelayHarness::kAck))
-    conn->deliver(Bytes{static_cast<std::uint8_t>(ch)});
-  h_.env->runUntilIdle();
-  EXPECT_EQ(h_.context->retains(), 1);
-  flow->agentEnds();
-  h_.env->runUntilIdle();
-}
-
 TEST_F(RelayHandshakeTest, RefusedFrontDoorPortFailsOpenWithoutTheCircuit) {
   h_.engine.setFrontDoor("127.0.0.1", 0);
   auto flow = h_.relay();
