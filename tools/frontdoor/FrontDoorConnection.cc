@@ -1,0 +1,329 @@
+#include "FrontDoorConnection.h"
+
+#include <sys/socket.h>
+#include <sys/timerfd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+
+#include "Sockets.h"
+
+namespace tarnwick::frontdoor {
+namespace {
+
+constexpr std::string_view kAcknowledgement = "HTTP/1.1 200 Connection established\r\n\r\n";
+constexpr std::string_view kBadRequest = "HTTP/1.1 400 Bad Request\r\n\r\n";
+constexpr std::string_view kRejected = "HTTP/1.1 407 Proxy Authentication Required\r\n\r\n";
+constexpr std::string_view kBadGateway = "HTTP/1.1 502 Bad Gateway\r\n\r\n";
+// Neither HTTP nor UTF-8, and without the status a client looks for.
+constexpr std::string_view kGarbage = "\xff\xfe\x01garbage\x7f\x80 no status here\r\n\r\n";
+
+std::span<const std::uint8_t> bytesOf(std::string_view text) {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
+std::uint32_t readWrite(bool read, bool write) {
+  return (read ? std::uint32_t{EPOLLIN} : 0U) | (write ? std::uint32_t{EPOLLOUT} : 0U);
+}
+
+bool wouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == EINTR; }
+
+// For a small answer on a fresh connection: the socket buffer takes it whole, and if the client
+// is already gone there is no one left to tell.
+void sendSmall(int fd, std::string_view text) {
+  [[maybe_unused]] const auto sent = ::send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+}
+
+}  // namespace
+
+FrontDoorConnection::FrontDoorConnection(const ConnectionContext& context, std::uint64_t id,
+                                         UniqueFd client)
+    : context_(context), id_(id), client_(std::move(client)), client_events_(EPOLLIN) {
+  setNoDelay(client_.get());
+  context_.loop.add(client_.get(), makeToken(id_, FdRole::Client), client_events_);
+}
+
+void FrontDoorConnection::onEvent(FdRole role, std::uint32_t events) {
+  if (role == FdRole::Timer) return onTimer();
+  switch (phase_) {
+    case Phase::ReadingHead:
+      return readHead();
+    case Phase::Waiting:
+    case Phase::Resolving:
+      return finish("reset");  // the client's socket hung up or failed; nothing is read now
+    case Phase::Dialing:
+      return role == FdRole::Upstream ? onDialProgress(events) : finish("reset");
+    case Phase::Relaying:
+      return relay(role, events);
+    case Phase::Discarding:
+    case Phase::Lingering:
+      return discard();
+    case Phase::Finished:
+      return;
+  }
+}
+
+void FrontDoorConnection::onResolved(std::vector<SocketAddress> addresses) {
+  if (phase_ != Phase::Resolving) return;
+  addresses_ = std::move(addresses);
+  dialNext();
+}
+
+void FrontDoorConnection::stop() { finish("shutdown"); }
+
+void FrontDoorConnection::readHead() {
+  const auto scratch = context_.scratch;
+  const ssize_t count = ::recv(client_.get(), scratch.data(), scratch.size(), 0);
+  if (count < 0) {
+    if (!wouldBlock(errno)) finish("reset");
+    return;
+  }
+  if (count == 0) {
+    client_ended_ = true;
+    if (context_.config.mode == FrontDoorMode::Silent) return finish("silent");
+    if (head_.empty()) return finish("no-request");
+    return answerAndClose(kBadRequest, "bad-request");
+  }
+  const auto chunk = scratch.first(static_cast<std::size_t>(count));
+  // The terminator may straddle the previous read.
+  const std::size_t searchFrom = head_.size() < 3 ? 0 : head_.size() - 3;
+  const std::size_t taken = std::min(chunk.size(), kMaxHeadBytes - head_.size());
+  head_.append(reinterpret_cast<const char*>(chunk.data()), taken);
+  const auto end = head_.find(kHeadTerminator, searchFrom);
+  if (end == std::string::npos) {
+    if (head_.size() >= kMaxHeadBytes) onOversizedHead();
+    return;
+  }
+  const std::size_t headBytes = end + kHeadTerminator.size();
+  early_.assign(head_.begin() + static_cast<std::ptrdiff_t>(headBytes), head_.end());
+  early_.insert(early_.end(), chunk.begin() + static_cast<std::ptrdiff_t>(taken), chunk.end());
+  head_.resize(end);
+  auto request = parseConnectRequest(head_);
+  std::string().swap(head_);
+  onHead(std::move(request));
+}
+
+void FrontDoorConnection::onHead(std::optional<ConnectRequest> request) {
+  if (request) {
+    record_.pid = std::move(request->pid);
+    record_.signingId = std::move(request->signingId);
+    record_.trace = std::move(request->trace);
+    record_.destination = formatHostPort(request->destination.host, request->destination.port);
+    destination_ = std::move(request->destination);
+  }
+  const FrontDoorMode mode = context_.config.mode;
+  if (mode == FrontDoorMode::Silent) return startDiscarding("silent");
+  if (!request) return answerAndClose(kBadRequest, "bad-request");
+  switch (mode) {
+    case FrontDoorMode::Reject:
+      return answerAndClose(kRejected, "rejected");
+    case FrontDoorMode::AckThenClose:
+      return answerAndClose(kAcknowledgement, "acked-closed");
+    case FrontDoorMode::AckThenSilence:
+      sendSmall(client_.get(), kAcknowledgement);
+      return startDiscarding("acked-silent");
+    case FrontDoorMode::Garbage:
+      return answerAndClose(kGarbage, "garbage");
+    case FrontDoorMode::SlowAck:
+      if (context_.config.ackDelaySeconds > 0) {
+        phase_ = Phase::Waiting;
+        if (armTimer(context_.config.ackDelaySeconds)) return updateInterest();
+      }
+      return dialDestination();
+    default:
+      return dialDestination();
+  }
+}
+
+void FrontDoorConnection::onOversizedHead() {
+  std::string().swap(head_);
+  if (context_.config.mode == FrontDoorMode::Silent) return startDiscarding("silent");
+  answerAndClose(kBadRequest, "head-too-large");
+}
+
+void FrontDoorConnection::dialDestination() {
+  disarmTimer();
+  if (auto literal = literalAddress(destination_->host, destination_->port)) {
+    addresses_ = {*literal};
+    return dialNext();
+  }
+  phase_ = Phase::Resolving;
+  context_.resolver.request(id_, destination_->host, destination_->port);
+  updateInterest();
+}
+
+void FrontDoorConnection::dialNext() {
+  dropUpstream();
+  disarmTimer();
+  while (next_address_ < addresses_.size()) {
+    DialStart start = startDial(addresses_[next_address_++]);
+    if (!start.fd) continue;
+    upstream_ = std::move(start.fd);
+    upstream_events_ = EPOLLOUT;
+    context_.loop.add(upstream_.get(), makeToken(id_, FdRole::Upstream), upstream_events_);
+    phase_ = Phase::Dialing;
+    armTimer(context_.config.dialTimeoutSeconds);
+    return updateInterest();
+  }
+  answerAndClose(kBadGateway, "dial-failed");
+}
+
+void FrontDoorConnection::onDialProgress(std::uint32_t events) {
+  if ((events & EPOLLOUT) == 0 || connectError(upstream_.get()) != 0) return dialNext();
+  onConnected();
+}
+
+void FrontDoorConnection::onConnected() {
+  disarmTimer();
+  std::vector<SocketAddress>().swap(addresses_);
+  setNoDelay(upstream_.get());
+  phase_ = Phase::Relaying;
+  if (down_.inject(client_.get(), bytesOf(kAcknowledgement)) == RelayDirection::Progress::Failed) {
+    return finish("reset");
+  }
+  const auto early = std::exchange(early_, {});
+  if (up_.forward(upstream_.get(), early) == RelayDirection::Progress::Failed) {
+    return finish("reset");
+  }
+  updateInterest();
+}
+
+void FrontDoorConnection::relay(FdRole role, std::uint32_t events) {
+  if ((events & EPOLLERR) != 0) return finish("reset");
+  const bool fromClient = role == FdRole::Client;
+  const int self = fromClient ? client_.get() : upstream_.get();
+  const int other = fromClient ? upstream_.get() : client_.get();
+  RelayDirection& outgoing = fromClient ? up_ : down_;  // reads from self
+  RelayDirection& incoming = fromClient ? down_ : up_;  // writes to self
+  bool progressed = false;
+  if ((events & (EPOLLIN | EPOLLHUP)) != 0 && outgoing.wantsRead()) {
+    if (outgoing.pump(self, other, context_.scratch) == RelayDirection::Progress::Failed) {
+      return finish("reset");
+    }
+    progressed = true;
+  }
+  if ((events & (EPOLLOUT | EPOLLHUP)) != 0 && incoming.wantsWrite()) {
+    if (incoming.flush(self) == RelayDirection::Progress::Failed) return finish("reset");
+    progressed = true;
+  }
+  if (up_.finished() && down_.finished()) return finish("closed");
+  // A hang-up on a socket that is neither read nor written can never make progress.
+  if (!progressed && (events & EPOLLHUP) != 0) return finish("reset");
+  updateInterest();
+}
+
+void FrontDoorConnection::startDiscarding(std::string_view result) {
+  result_ = result;
+  phase_ = Phase::Discarding;
+  const auto early = std::exchange(early_, {});
+  discarded_ += early.size();
+  updateInterest();
+}
+
+void FrontDoorConnection::discard() {
+  const auto scratch = context_.scratch;
+  const ssize_t count = ::recv(client_.get(), scratch.data(), scratch.size(), 0);
+  if (count < 0 && wouldBlock(errno)) return;
+  if (count <= 0) return finish(result_);
+  discarded_ += static_cast<std::size_t>(count);
+}
+
+void FrontDoorConnection::answerAndClose(std::string_view reply, std::string_view result) {
+  result_ = result;
+  sendSmall(client_.get(), reply);
+  // A FIN after the answer, but the socket stays open: closing with unread bytes would reset
+  // the connection and could destroy the answer before the client reads it.
+  ::shutdown(client_.get(), SHUT_WR);
+  discarded_ += early_.size();
+  std::vector<std::uint8_t>().swap(early_);
+  if (client_ended_ || !armTimer(context_.config.lingerSeconds)) return finish(result);
+  phase_ = Phase::Lingering;
+  updateInterest();
+}
+
+bool FrontDoorConnection::armTimer(double seconds) {
+  if (!timer_) {
+    timer_ = UniqueFd(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+    if (!timer_) return false;
+    context_.loop.add(timer_.get(), makeToken(id_, FdRole::Timer), EPOLLIN);
+  }
+  constexpr long long kNanosPerSecond = 1'000'000'000;
+  // A zero value would disarm the timer instead of firing it at once.
+  const long long nanos = std::max(1LL, std::llround(seconds * kNanosPerSecond));
+  itimerspec spec{};
+  spec.it_value.tv_sec = static_cast<time_t>(nanos / kNanosPerSecond);
+  spec.it_value.tv_nsec = static_cast<long>(nanos % kNanosPerSecond);
+  return ::timerfd_settime(timer_.get(), 0, &spec, nullptr) == 0;
+}
+
+void FrontDoorConnection::disarmTimer() {
+  if (!timer_) return;
+  context_.loop.remove(timer_.get());
+  timer_.reset();
+}
+
+void FrontDoorConnection::onTimer() {
+  std::uint64_t expirations = 0;
+  if (::read(timer_.get(), &expirations, sizeof expirations) <= 0) return;
+  switch (phase_) {
+    case Phase::Waiting:
+      return dialDestination();
+    case Phase::Dialing:
+      return dialNext();  // this address took too long; try the next
+    case Phase::Lingering:
+      return finish(result_);
+    default:
+      return disarmTimer();
+  }
+}
+
+void FrontDoorConnection::dropUpstream() {
+  if (!upstream_) return;
+  context_.loop.remove(upstream_.get());
+  upstream_.reset();
+  upstream_events_ = 0;
+}
+
+void FrontDoorConnection::updateInterest() {
+  std::uint32_t clientWants = 0;
+  std::uint32_t upstreamWants = 0;
+  switch (phase_) {
+    case Phase::ReadingHead:
+    case Phase::Discarding:
+    case Phase::Lingering:
+      clientWants = EPOLLIN;
+      break;
+    case Phase::Dialing:
+      upstreamWants = EPOLLOUT;
+      break;
+    case Phase::Relaying:
+      clientWants = readWrite(up_.wantsRead(), down_.wantsWrite());
+      upstreamWants = readWrite(down_.wantsRead(), up_.wantsWrite());
+      break;
+    default:
+      break;
+  }
+  if (client_ && clientWants != client_events_) {
+    client_events_ = clientWants;
+    context_.loop.modify(client_.get(), makeToken(id_, FdRole::Client), clientWants);
+  }
+  if (upstream_ && upstreamWants != upstream_events_) {
+    upstream_events_ = upstreamWants;
+    context_.loop.modify(upstream_.get(), makeToken(id_, FdRole::Upstream), upstreamWants);
+  }
+}
+
+void FrontDoorConnection::finish(std::string_view result) {
+  if (phase_ == Phase::Finished) return;
+  phase_ = Phase::Finished;
+  record_.bytesUp = up_.bytesForwarded() + discarded_;
+  record_.bytesDown = down_.bytesForwarded();
+  record_.result = result;
+  disarmTimer();
+  dropUpstream();
+  context_.loop.remove(client_.get());
+  client_.reset();
+}
+
+}  // namespace tarnwick::frontdoor

@@ -1,0 +1,30 @@
+#pragma once
+// "host:port" texts as they appear on the command line and in CONNECT authorities. An IPv6
+// literal must be bracketed there ("[::1]:8443"), because its own colons would make the port
+// ambiguous.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tarnwick::frontdoor {
+
+struct HostPort {
+  std::string host;  // without brackets
+  std::uint16_t port = 0;
+
+  bool operator==(const HostPort&) const = default;
+};
+
+enum class PortZero { Rejected, Accepted };
+
+// Splits "host:port" or "[v6]:port". Refuses an empty host, an unbracketed host with a colon,
+// text after the closing bracket other than ":port", and a port that is not a decimal number in
+// range (0 only when accepted).
+std::optional<HostPort> splitHostPort(std::string_view text, PortZero zero = PortZero::Rejected);
+
+// The inverse: the host bracketed when it contains a colon.
+std::string formatHostPort(std::string_view host, std::uint16_t port);
+
+}  // namespace tarnwick::frontdoor

@@ -1,0 +1,60 @@
+#include "Sockets.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace tarnwick::frontdoor {
+namespace {
+
+UniqueFd openTcpSocket(int family) {
+  return UniqueFd(::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
+}
+
+void setFlag(int fd, int level, int option) {
+  const int on = 1;
+  ::setsockopt(fd, level, option, &on, sizeof on);
+}
+
+}  // namespace
+
+UniqueFd bindTcpSocket(const SocketAddress& address, std::string& error) {
+  UniqueFd fd = openTcpSocket(address.family());
+  if (!fd) {
+    error = std::string("socket: ") + std::strerror(errno);
+    return fd;
+  }
+  setFlag(fd.get(), SOL_SOCKET, SO_REUSEADDR);
+  if (address.family() == AF_INET6) setFlag(fd.get(), IPPROTO_IPV6, IPV6_V6ONLY);
+  if (::bind(fd.get(), address.get(), address.length) != 0) {
+    error = std::string("bind: ") + std::strerror(errno);
+    fd.reset();
+  }
+  return fd;
+}
+
+DialStart startDial(const SocketAddress& address) {
+  DialStart start{openTcpSocket(address.family()), 0};
+  if (!start.fd) {
+    start.error = errno;
+    return start;
+  }
+  if (::connect(start.fd.get(), address.get(), address.length) != 0 && errno != EINPROGRESS) {
+    start.error = errno;
+    start.fd.reset();
+  }
+  return start;
+}
+
+int connectError(int fd) {
+  int error = 0;
+  socklen_t length = sizeof error;
+  if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0) return errno;
+  return error;
+}
+
+void setNoDelay(int fd) { setFlag(fd, IPPROTO_TCP, TCP_NODELAY); }
+
+}  // namespace tarnwick::frontdoor
