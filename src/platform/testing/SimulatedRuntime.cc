@@ -143,6 +143,11 @@ std::shared_ptr<SimulatedRuntime> SimulatedRuntime::create(Options options) {
   return std::shared_ptr<SimulatedRuntime>(new SimulatedRuntime(options));
 }
 
+SimulatedRuntime::~SimulatedRuntime() {
+  for (auto& queue : ready_) queue->pending.clear();
+  delayed_.clear();
+}
+
 SimulatedRuntime::SimulatedRuntime(Options options)
     : seed_(options.seed),
       rng_(options.seed),
@@ -162,14 +167,14 @@ MonotonicTime SimulatedRuntime::monotonicNow() const {
 
 WallTime SimulatedRuntime::wallNow() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return WallTime(std::chrono::duration_cast<WallTime::duration>(now_.time_since_epoch() +
-                                                                 wallOffset_));
+  return WallTime(
+      std::chrono::duration_cast<WallTime::duration>(now_.time_since_epoch() + wallOffset_));
 }
 
 void SimulatedRuntime::setWallClock(WallTime wall) {
   std::lock_guard<std::mutex> lock(mutex_);
-  wallOffset_ = std::chrono::duration_cast<Duration>(wall.time_since_epoch()) -
-                now_.time_since_epoch();
+  wallOffset_ =
+      std::chrono::duration_cast<Duration>(wall.time_since_epoch()) - now_.time_since_epoch();
 }
 
 void SimulatedRuntime::enqueue(const std::shared_ptr<SimulatedQueue>& queue, Work work) {
@@ -234,8 +239,7 @@ void SimulatedRuntime::runUntilIdle() {
   for (std::uint64_t steps = 0; runOne(); ++steps) {
     if (steps == kMaxStepsPerRun) {
       std::fprintf(stderr, "SimulatedRuntime(seed=%llu): no idle after %llu steps (livelock)\n",
-                   static_cast<unsigned long long>(seed_),
-                   static_cast<unsigned long long>(steps));
+                   static_cast<unsigned long long>(seed_), static_cast<unsigned long long>(steps));
       std::abort();
     }
   }

@@ -38,6 +38,9 @@ class SimulatedRuntime : public Runtime, public std::enable_shared_from_this<Sim
 
   static std::shared_ptr<SimulatedRuntime> create(Options options);
   static std::shared_ptr<SimulatedRuntime> create() { return create(Options{}); }
+  // Drops work that never ran. Pending work often holds what holds its queue (a connection
+  // posting to the queue it keeps), a cycle that would otherwise outlive the runtime.
+  ~SimulatedRuntime() override;
 
   std::shared_ptr<DispatchQueue> makeQueue(std::string label, QualityOfService qos,
                                            QueueKind kind = QueueKind::Serial) override;
@@ -65,8 +68,8 @@ class SimulatedRuntime : public Runtime, public std::enable_shared_from_this<Sim
 
   struct Delayed {
     std::shared_ptr<SimulatedQueue> queue;
-    Work work;                              // for asyncAfter
-    std::weak_ptr<SimulatedTimer> timer;    // for timers
+    Work work;                            // for asyncAfter
+    std::weak_ptr<SimulatedTimer> timer;  // for timers
     std::uint64_t generation = 0;
   };
 
