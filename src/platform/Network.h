@@ -98,7 +98,15 @@ class NWConnectionFactory {
                                                        const NWParameters& parameters) = 0;
 };
 
-// Real TCP connections on the process-wide real runtime.
+// How long a real connection may take to become ready, name resolution and every address tried
+// included, before it fails with ETIMEDOUT. Long enough for a slow name server and one lost SYN
+// (the kernel retransmits it after 1 s, then 3 s, 7 s, 15 s); short enough that a flow behind a
+// dead destination is closed well before its agent would give up on its own.
+inline constexpr Duration kRealConnectTimeout = std::chrono::seconds(30);
+
+// Real TCP connections on the process-wide real runtime, with kRealConnectTimeout.
 std::shared_ptr<NWConnectionFactory> realConnectionFactory();
+// The same with another connect timeout.
+std::shared_ptr<NWConnectionFactory> realConnectionFactory(Duration connectTimeout);
 
 }  // namespace tarnwick

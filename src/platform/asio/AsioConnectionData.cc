@@ -1,0 +1,146 @@
+// Sending and receiving on a ready AsioConnection.
+
+#include <cerrno>
+#include <utility>
+
+#include "platform/asio/AsioConnection.h"
+
+namespace tarnwick {
+
+void AsioConnection::writeNextLocked() {
+  while (state_ == Kind::Ready && !writing_ && !sends_.empty()) {
+    const PendingSend& head = sends_.front();
+    if (head.content) {
+      writing_ = true;
+      socket_.async_write_some(
+          asio::buffer(head.content->data() + written_, head.content->size() - written_),
+          [self = shared_from_this(), keep = head.content](
+              const asio::error_code& error, std::size_t n) { self->onWritten(error, n); });
+      return;
+    }
+    std::optional<NWError> result;
+    if (head.isComplete) {
+      asio::error_code error;
+      socket_.shutdown(tcp::socket::shutdown_send, error);
+      if (error) result = errorOf(error);
+    }
+    completeSendLocked(std::move(result));
+  }
+}
+
+void AsioConnection::onWritten(const asio::error_code& error, std::size_t written) {
+  {
+    MutexLock lock(mutex_);
+    writing_ = false;
+    if (state_ != Kind::Ready) return;
+    if (error) {
+      completeSendLocked(errorOf(error));
+    } else {
+      written_ += written;
+      if (written_ == sends_.front().content->size()) completeSendLocked(std::nullopt);
+    }
+    writeNextLocked();
+  }
+  flushOutbox();
+}
+
+void AsioConnection::completeSendLocked(std::optional<NWError> error) {
+  PendingSend done = std::move(sends_.front());
+  sends_.pop_front();
+  written_ = 0;
+  if (done.completion) {
+    postLocked([c = std::move(done.completion), error = std::move(error)] { c(error); });
+  }
+}
+
+// Waiting for readability needs no buffer: memory is taken only once bytes are there.
+void AsioConnection::readNextLocked() {
+  if (state_ != Kind::Ready || awaitingReadable_) return;
+  while (!receives_.empty() && (readEnded_ || readError_)) {
+    completeReceiveLocked(readEnded_, readError_);
+  }
+  if (receives_.empty()) return;
+  awaitingReadable_ = true;
+  socket_.async_wait(
+      tcp::socket::wait_read,
+      [self = shared_from_this()](const asio::error_code& error) { self->onReadable(error); });
+}
+
+void AsioConnection::onReadable(const asio::error_code& error) {
+  {
+    MutexLock lock(mutex_);
+    awaitingReadable_ = false;
+    if (state_ != Kind::Ready) return;
+    if (error) {
+      readError_ = errorOf(error);
+    } else {
+      readAvailableLocked();
+    }
+    readNextLocked();
+  }
+  flushOutbox();
+}
+
+// Reads what the socket holds for the oldest receive, completing it once its minimum is met, at
+// the end of the stream or on an error. Stops when the socket has nothing more for now.
+void AsioConnection::readAvailableLocked() {
+  while (!receives_.empty()) {
+    const PendingReceive& head = receives_.front();
+    asio::error_code error;
+    const std::size_t available = socket_.available(error);
+    const std::size_t room = head.maximum - inbound_.size();
+    // With nothing reported available, one byte tells data from the end of the stream.
+    const std::size_t want = error ? 1 : std::clamp<std::size_t>(available, 1, room);
+    const std::size_t had = inbound_.size();
+    inbound_.resize(had + want);
+    const std::size_t got = socket_.read_some(asio::buffer(inbound_.data() + had, want), error);
+    inbound_.resize(had + got);
+    if (error == asio::error::would_block) {
+      if (inbound_.empty()) Bytes().swap(inbound_);
+      return;
+    }
+    if (error == asio::error::eof) {
+      readEnded_ = true;
+      return;
+    }
+    if (error) {
+      readError_ = errorOf(error);
+      return;
+    }
+    if (inbound_.size() >= head.minimum) completeReceiveLocked(false, std::nullopt);
+  }
+}
+
+// Completes the oldest receive with the bytes read for it. At the end of the stream or after an
+// error, later receives complete at once the same way (readNextLocked).
+void AsioConnection::completeReceiveLocked(bool isComplete, std::optional<NWError> error) {
+  PendingReceive done = std::move(receives_.front());
+  receives_.pop_front();
+  std::optional<Bytes> content;
+  if (!inbound_.empty()) content = std::exchange(inbound_, Bytes());
+  postLocked([c = std::move(done.completion), content = std::move(content), isComplete,
+              error = std::move(error)]() mutable { c(std::move(content), isComplete, error); });
+}
+
+// Before ready nothing was written or read, so pending operations are dropped without their
+// completions; after ready they complete with ECANCELED.
+void AsioConnection::abandonPendingLocked(bool wasReady) {
+  if (wasReady) {
+    const NWError cancelled = NWError::fromErrno(ECANCELED);
+    for (auto& send : sends_) {
+      if (send.completion) {
+        postLocked([c = std::move(send.completion), cancelled] { c(cancelled); });
+      }
+    }
+    for (auto& receive : receives_) {
+      postLocked(
+          [c = std::move(receive.completion), cancelled] { c(std::nullopt, false, cancelled); });
+    }
+  }
+  sends_.clear();
+  receives_.clear();
+  written_ = 0;
+  Bytes().swap(inbound_);
+}
+
+}  // namespace tarnwick
