@@ -3,11 +3,18 @@
 namespace tarnwick {
 namespace {
 
-// Length of the well-formed UTF-8 sequence at the start of `s`, or 0 when it is ill-formed.
-size_t validSequenceLength(std::string_view s) {
+struct Sequence {
+  size_t length;  // at least 1
+  bool wellFormed;
+};
+
+// The UTF-8 sequence at the start of a non-empty `s`. An ill-formed one spans its maximal
+// subpart: the longest start of a well-formed sequence, or one byte. Replacing each maximal
+// subpart with one U+FFFD is what the platform's strings do with bad bytes.
+Sequence sequenceAt(std::string_view s) {
   const auto byte = [&](size_t i) { return static_cast<unsigned char>(s[i]); };
   const unsigned char lead = byte(0);
-  if (lead < 0x80) return 1;
+  if (lead < 0x80) return {1, true};
   size_t length = 0;
   unsigned char low = 0x80, high = 0xBF;
   if (lead >= 0xC2 && lead <= 0xDF) {
@@ -21,23 +28,23 @@ size_t validSequenceLength(std::string_view s) {
     if (lead == 0xF0) low = 0x90;
     if (lead == 0xF4) high = 0x8F;
   } else {
-    return 0;
+    return {1, false};
   }
-  if (s.size() < length) return 0;
-  if (byte(1) < low || byte(1) > high) return 0;
-  for (size_t i = 2; i < length; ++i) {
-    if (byte(i) < 0x80 || byte(i) > 0xBF) return 0;
+  for (size_t i = 1; i < length; ++i) {
+    if (i >= s.size() || byte(i) < low || byte(i) > high) return {i, false};
+    low = 0x80;
+    high = 0xBF;
   }
-  return length;
+  return {length, true};
 }
 
 }  // namespace
 
 bool isValidUTF8(std::string_view bytes) {
   while (!bytes.empty()) {
-    const size_t n = validSequenceLength(bytes);
-    if (n == 0) return false;
-    bytes.remove_prefix(n);
+    const Sequence next = sequenceAt(bytes);
+    if (!next.wellFormed) return false;
+    bytes.remove_prefix(next.length);
   }
   return true;
 }
@@ -47,14 +54,13 @@ std::string toValidUTF8(std::string_view bytes) {
   std::string out;
   out.reserve(bytes.size() + 8);
   while (!bytes.empty()) {
-    const size_t n = validSequenceLength(bytes);
-    if (n == 0) {
-      out += "\xEF\xBF\xBD";
-      bytes.remove_prefix(1);
+    const Sequence next = sequenceAt(bytes);
+    if (next.wellFormed) {
+      out.append(bytes.substr(0, next.length));
     } else {
-      out.append(bytes.substr(0, n));
-      bytes.remove_prefix(n);
+      out += "\xEF\xBF\xBD";
     }
+    bytes.remove_prefix(next.length);
   }
   return out;
 }

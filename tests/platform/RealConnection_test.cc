@@ -91,12 +91,14 @@ class RealConnectionTest : public ::testing::TestWithParam<const char*> {
 
 TEST_P(RealConnectionTest, ReceiveWaitsForItsMinimum) {
   dial_.start();
+  ASSERT_TRUE(dial_.settleOn("ready"));
   auto* peer = server_.peer(0);
   ASSERT_NE(peer, nullptr);
   peer->write("abc");
   dial_.connection->receive(5, 6, dial_.events->received("R"));
-  dial_.connection->send(bytesOf("!"), false, nullptr);
-  EXPECT_EQ(peer->read(1), "!");
+  // Time for the three bytes to be read; the receive must keep waiting for two more.
+  std::this_thread::sleep_for(10ms);
+  EXPECT_THAT(dial_.events->events(), ElementsAre("preparing", "ready"));
   peer->write("defgh");
   dial_.connection->receive(1, 10, dial_.events->received("rest"));
   ASSERT_TRUE(dial_.settleOn("received rest 'gh'"));

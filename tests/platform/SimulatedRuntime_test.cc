@@ -31,7 +31,10 @@ TEST_F(SimulatedRuntimeTest, SerialQueueKeepsItsOrderWhateverTheSeed) {
     auto b = env->makeQueue("b", QualityOfService::Default);
     std::vector<int> fromA, all;
     for (int i = 0; i < 10; ++i) {
-      a->async([&, i] { fromA.push_back(i); all.push_back(i); });
+      a->async([&, i] {
+        fromA.push_back(i);
+        all.push_back(i);
+      });
       b->async([&, i] { all.push_back(100 + i); });
     }
     env->runUntilIdle();
@@ -47,7 +50,8 @@ std::vector<std::string> interleaving(std::uint64_t seed) {
   for (int q = 0; q < 4; ++q) queues.push_back(env->makeQueue("q" + std::to_string(q), {}));
   for (int i = 0; i < 5; ++i) {
     for (int q = 0; q < 4; ++q) {
-      queues[q]->async([&order, q, i] { order.push_back(std::to_string(q) + ":" + std::to_string(i)); });
+      queues[q]->async(
+          [&order, q, i] { order.push_back(std::to_string(q) + ":" + std::to_string(i)); });
     }
   }
   env->runUntilIdle();
@@ -78,9 +82,8 @@ TEST_F(SimulatedRuntimeTest, DelayedWorkRunsInDeadlineOrderAndSeesItsOwnTime) {
   const MonotonicTime start = env_->monotonicNow();
   std::vector<std::pair<int, Duration>> fired;
   for (int delay : {30, 10, 20}) {
-    queue->asyncAfter(std::chrono::seconds(delay), [&, delay] {
-      fired.emplace_back(delay, env_->monotonicNow() - start);
-    });
+    queue->asyncAfter(std::chrono::seconds(delay),
+                      [&, delay] { fired.emplace_back(delay, env_->monotonicNow() - start); });
   }
   env_->advance(60s);
   ASSERT_EQ(fired.size(), 3u);
@@ -153,7 +156,10 @@ TEST_F(SimulatedRuntimeTest, IsCurrentOnlyInsideTheQueuesOwnWork) {
   auto a = env_->makeQueue("a", QualityOfService::Default);
   auto b = env_->makeQueue("b", QualityOfService::Default);
   bool aInA = false, bInA = true;
-  a->async([&] { aInA = a->isCurrent(); bInA = b->isCurrent(); });
+  a->async([&] {
+    aInA = a->isCurrent();
+    bInA = b->isCurrent();
+  });
   env_->runUntilIdle();
   EXPECT_TRUE(aInA);
   EXPECT_FALSE(bInA);
