@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "FrontDoor.h"
+#include "platform/testing/CaseName.h"
 #include "SocketAddress.h"
 #include "UniqueFd.h"
 
@@ -24,13 +25,7 @@ namespace tarnwick::frontdoor {
 
 using namespace std::chrono_literals;
 
-// Names TEST_P cases after their `name` field.
-struct CaseName {
-  template <typename Param>
-  std::string operator()(const ::testing::TestParamInfo<Param>& param) const {
-    return param.param.name;
-  }
-};
+using tarnwick::CaseName;
 
 // Upper bound for anything that should happen promptly; reached only when a test fails.
 inline constexpr std::chrono::milliseconds kPatience = 5s;
