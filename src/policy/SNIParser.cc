@@ -1,5 +1,6 @@
 #include "policy/SNIParser.h"
 
+#include <algorithm>
 #include <string_view>
 #include <utility>
 
@@ -23,7 +24,10 @@ std::size_t u16At(std::span<const std::uint8_t> data, std::size_t at) {
 std::optional<std::string> utf8Text(std::span<const std::uint8_t> data, std::size_t from,
                                     std::size_t to) {
   const std::string_view text(reinterpret_cast<const char*>(data.data()) + from, to - from);
-  if (!isValidUTF8(text)) return std::nullopt;
+  // Host names and protocol names are nearly always ASCII, which needs no sequence decoding.
+  const bool ascii = std::all_of(text.begin(), text.end(),
+                                 [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  if (!ascii && !isValidUTF8(text)) return std::nullopt;
   return std::string(text);
 }
 

@@ -55,6 +55,7 @@ const std::vector<CapturedCase> kCaptured = {
           "coap",    "xmpp-client", "xmpp-server", "acme-tls/1", "mqtt",      "dot",
           "ntske/1", "sunrpc",      "h3",          "smb",        "irc",       "nntp",
           "nnsp",    "doq",         "sip/2",       "tds/8.0",    "dicom",     "postgresql"})},
+    {"openssl_resumed_cas", result("www.example.com", {"h2", "http/1.1"})},
     {"curl", result("www.example.org", {"h2", "http/1.1"})},
     {"python", result("pypi.example.net", {"http/1.1"})},
     {"gnutls", result("gnutls.example.com", {"h2", "http/1.1"})},

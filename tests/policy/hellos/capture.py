@@ -33,6 +33,9 @@ CLIENTS = {
     "openssl_resumed_large": "openssl s_client -connect 127.0.0.1:{port} -sess_in {session} "
                              "-servername " + LONG_NAME + " -groups ffdhe8192:x25519 "
                              "-alpn " + MANY_PROTOCOLS + " </dev/null",
+    "openssl_resumed_cas": "openssl s_client -connect 127.0.0.1:{port} -sess_in {session} "
+                           "-servername www.example.com -groups ffdhe8192:x25519 "
+                           "-requestCAfile {cas} -alpn h2,http/1.1 </dev/null",
     "curl": "curl -sk --max-time 5 --resolve www.example.org:{port}:127.0.0.1 "
             "https://www.example.org:{port}/",
     "python": "python3 -c \"import socket,ssl; c=ssl.create_default_context(); "
@@ -89,10 +92,21 @@ def resumable_session(workdir):
     return session
 
 
+def some_ca_certificates(workdir, count=5):
+    """The first few certificates of the system's bundle, whose names the client offers."""
+    with open("/etc/ssl/certs/ca-certificates.crt") as bundle:
+        blocks = bundle.read().split("-----END CERTIFICATE-----")[:count]
+    path = os.path.join(workdir, "cas.pem")
+    with open(path, "w") as out:
+        out.write("".join(b + "-----END CERTIFICATE-----\n" for b in blocks))
+    return path
+
+
 def main(outdir):
     os.makedirs(outdir, exist_ok=True)
     workdir = tempfile.mkdtemp()
     session = resumable_session(workdir)
+    cas = some_ca_certificates(workdir)
     for name, command in CLIENTS.items():
         server = socket.socket()
         server.bind(("127.0.0.1", 0))
@@ -101,7 +115,7 @@ def main(outdir):
         path = os.path.join(outdir, name + ".bin")
         recorder = threading.Thread(target=record_first_record, args=(server, path))
         recorder.start()
-        subprocess.run(command.format(port=port, session=session), shell=True, stdout=subprocess.DEVNULL,
+        subprocess.run(command.format(port=port, session=session, cas=cas), shell=True, stdout=subprocess.DEVNULL,
                        stderr=subprocess.DEVNULL, timeout=10)
         recorder.join()
         server.close()
