@@ -91,7 +91,7 @@ TEST_P(CapturedHelloTest, EveryTruncationIsEmpty) {
 // whatever else comes out was read from the buffer, never from beyond it.
 TEST_P(CapturedHelloTest, EveryCorruptedLengthStaysInside) {
   const auto contains = [&](const std::string& text) {
-    return std::search(hello_.begin(), hello_.end(), text.begin(), text.end()) != hello_.end();
+    return textOf(hello_).find(text) != std::string_view::npos;
   };
   for (const LengthField& field : lengthFieldsOf(hello_)) {
     std::size_t original = 0;
