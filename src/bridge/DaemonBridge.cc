@@ -103,7 +103,10 @@ void DaemonBridge::reconnect(std::string to) {
 }
 
 void DaemonBridge::send(Json event) {
-  onQueue([event = std::move(event)](DaemonBridge& self) { self.sendLocked(event); });
+  // The hottest path: one closure, without onQueue's second wrapper.
+  queue_->async([weak = weak_from_this(), event = std::move(event)] {
+    if (auto self = weak.lock()) self->sendLocked(event);
+  });
 }
 
 void DaemonBridge::recordCommittedSeverIfUnhealthy() {
