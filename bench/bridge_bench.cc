@@ -23,9 +23,8 @@ namespace tarnwick {
 namespace {
 
 Json relayOpenEvent() {
-  return {{"kind", "relay.open"},       {"pid", 48213},
-          {"signing_id", "/usr/bin/curl"}, {"dest_host", "api.example.com"},
-          {"dest_port", 443},            {"trace", "9f2c4e6a1b3d5f70"},
+  return {{"kind", "relay.open"},           {"pid", 48213},     {"signing_id", "/usr/bin/curl"},
+          {"dest_host", "api.example.com"}, {"dest_port", 443}, {"trace", "9f2c4e6a1b3d5f70"},
           {"ts", 1767225600123456789LL}};
 }
 
@@ -133,7 +132,9 @@ BENCHMARK(BM_EventLineFrame);
 
 void BM_LineBufferCut(benchmark::State& state) {
   std::string chunk;
-  while (chunk.size() + 64 < 4096) chunk += R"({"kind":"policy.push","version":1,"deny":[]})" "\n";
+  while (chunk.size() + 64 < 4096)
+    chunk += R"({"kind":"policy.push","version":1,"deny":[]})"
+             "\n";
   const std::span bytes(reinterpret_cast<const std::uint8_t*>(chunk.data()), chunk.size());
   LineBuffer buffer;
   std::size_t lines = 0;

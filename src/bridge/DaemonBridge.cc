@@ -54,7 +54,9 @@ DaemonBridge::DaemonBridge(std::shared_ptr<Runtime> runtime, std::string socketP
       read_queue_(
           runtime_->makeQueue(kReadQueueLabel, QualityOfService::Default, QueueKind::Blocking)) {
   if (!options_.policySink) {
-    options_.policySink = [](const Json& document) { EnforcementPolicy::shared().update(document); };
+    options_.policySink = [](const Json& document) {
+      EnforcementPolicy::shared().update(document);
+    };
   }
 }
 

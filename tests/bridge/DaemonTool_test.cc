@@ -59,16 +59,15 @@ class DaemonServerTest : public BridgeTest {
  protected:
   void startServer(std::optional<std::string> pushLine) {
     std::string error;
-    daemon::DaemonServer::Callbacks callbacks{
-        [this](std::string_view line) {
-          std::lock_guard<std::mutex> lock(mutex_);
-          events_.emplace_back(line);
-          arrived_.notify_all();
-        },
-        [this](std::string_view line) {
-          std::lock_guard<std::mutex> lock(mutex_);
-          statuses_.emplace_back(line);
-        }};
+    daemon::DaemonServer::Callbacks callbacks{[this](std::string_view line) {
+                                                std::lock_guard<std::mutex> lock(mutex_);
+                                                events_.emplace_back(line);
+                                                arrived_.notify_all();
+                                              },
+                                              [this](std::string_view line) {
+                                                std::lock_guard<std::mutex> lock(mutex_);
+                                                statuses_.emplace_back(line);
+                                              }};
     server_ = daemon::DaemonServer::create(dir_.file("sub/dir/ne.sock"), std::move(pushLine),
                                            std::move(callbacks), error);
     ASSERT_TRUE(server_) << error;
