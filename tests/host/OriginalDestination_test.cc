@@ -60,7 +60,9 @@ TEST_P(OriginalDestinationFamilyTest, WithoutARedirectNamesNoOtherPlace) {
   UniqueFd accepted(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
   ASSERT_TRUE(accepted);
   const auto destination = originalDestination(accepted.get());
-  if (destination) EXPECT_TRUE(sameSocketAddress(*destination, *localAddress(accepted.get())));
+  if (destination) {
+    EXPECT_TRUE(sameSocketAddress(*destination, *localAddress(accepted.get())));
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Families, OriginalDestinationFamilyTest,
