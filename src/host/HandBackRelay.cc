@@ -10,8 +10,6 @@
 namespace tarnwick::host {
 namespace {
 
-// A pipe's default capacity; splicing in more than that at once would only block.
-constexpr std::size_t kPipeBytes = 64 * 1024;
 constexpr unsigned kSpliceFlags = SPLICE_F_MOVE | SPLICE_F_NONBLOCK;
 
 bool wouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK; }
@@ -71,11 +69,13 @@ bool HandBackRelay::pump(Direction& direction) {
   const int to = socketOf(direction.to).get();
   for (bool progressed = true; progressed;) {
     progressed = false;
-    if (!direction.ended && direction.buffered < kPipeBytes) {
-      if (!direction.pipe) direction.pipe = pipes_.acquire();
+    if (!direction.ended && !direction.pipe) {
+      direction.pipe = pipes_.acquire();
       if (!direction.pipe) return fail();
+    }
+    if (!direction.ended && direction.buffered < direction.pipe->capacity) {
       const ssize_t in = ::splice(from, nullptr, direction.pipe->write.get(), nullptr,
-                                  kPipeBytes - direction.buffered, kSpliceFlags);
+                                  direction.pipe->capacity - direction.buffered, kSpliceFlags);
       if (in < 0 && !wouldBlock()) return fail();
       if (in >= 0) {
         direction.ended = in == 0;

@@ -13,10 +13,15 @@ namespace tarnwick::host {
 struct Pipe {
   UniqueFd read;
   UniqueFd write;
+  std::size_t capacity = 0;  // bytes it holds before a splice into it would block
 };
 
 class PipePool {
  public:
+  // A larger pipe moves more per splice and wakes the loop less often; its pages are only
+  // taken while bytes are in it.
+  static constexpr std::size_t kPipeBytes = 256 * 1024;
+
   explicit PipePool(std::size_t keep = 64) : keep_(keep) {}
 
   // A pipe from the pool or a new one; absent when the process is out of descriptors.

@@ -39,16 +39,27 @@ SocketOwnerMap::SocketOwnerMap(std::string procRoot, std::size_t capacity)
 
 std::optional<pid_t> SocketOwnerMap::ownerOf(std::uint64_t inode) {
   if (auto found = owners_.find(inode); found != owners_.end()) return found->second;
-  return rescan(inode);
+  const auto owner = rescan(inode);
+  if (owner) remember(*owner);
+  return owner;
 }
 
 std::optional<pid_t> SocketOwnerMap::rescan(std::uint64_t inode) {
+  for (pid_t pid : std::vector<pid_t>(recent_)) {
+    if (scanProcess(pid, inode)) return pid;
+  }
   std::vector<long> pids = numericEntries(proc_root_);
   std::sort(pids.begin(), pids.end(), std::greater<>());
   for (long pid : pids) {
     if (pid > 0 && scanProcess(static_cast<pid_t>(pid), inode)) return static_cast<pid_t>(pid);
   }
   return std::nullopt;
+}
+
+void SocketOwnerMap::remember(pid_t pid) {
+  std::erase(recent_, pid);
+  recent_.insert(recent_.begin(), pid);
+  if (recent_.size() > kRecentOwners) recent_.pop_back();
 }
 
 bool SocketOwnerMap::scanProcess(pid_t pid, std::uint64_t inode) {

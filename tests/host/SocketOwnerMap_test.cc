@@ -63,6 +63,22 @@ TEST(SocketOwnerMapTest, CachesWhatItScannedAndRescansOnAMiss) {
   EXPECT_EQ(owners.ownerOf(3), 400);
 }
 
+// A process that owned the last connection is looked at first: its new socket is found
+// without walking the newer processes (whose sockets therefore stay unseen).
+TEST(SocketOwnerMapTest, LooksAtRecentOwnersBeforeWalkingEveryProcess) {
+  FakeProc proc;
+  proc.holds(100, 3, "socket:[1]");
+  proc.holds(500, 3, "socket:[2]");
+  SocketOwnerMap owners(proc.root());
+  EXPECT_EQ(owners.ownerOf(1), 100);
+  EXPECT_EQ(owners.cachedCountForTest(), 2u);
+  proc.holds(100, 4, "socket:[3]");
+  proc.holds(500, 4, "socket:[4]");
+  EXPECT_EQ(owners.ownerOf(3), 100);
+  EXPECT_EQ(owners.cachedCountForTest(), 3u);
+  EXPECT_EQ(owners.ownerOf(4), 500);
+}
+
 TEST(SocketOwnerMapTest, StartsOverWhenTheCacheIsFull) {
   FakeProc proc;
   for (int fd = 0; fd < 10; ++fd) proc.holds(10, fd, "socket:[" + std::to_string(fd) + "]");
