@@ -1,7 +1,7 @@
 #pragma once
 // A provider that takes no flow: it asks for all outbound TCP except loopback and private
 // networks, hands every flow back and refuses watch sets. The run command hosts it until the
-// relaying provider is wired in.
+// relaying provider is wired in; the host's tests build their provider on it.
 
 #include "platform/NetworkExtension.h"
 

@@ -3,18 +3,6 @@
 #include <chrono>
 
 namespace tarnwick::host {
-namespace {
-
-NENetworkRule outboundTCP(std::optional<NWHostEndpoint> network, int prefix) {
-  NENetworkRule rule;
-  rule.remoteNetwork = std::move(network);
-  rule.remotePrefix = prefix;
-  rule.protocol = NENetworkRuleProtocol::TCP;
-  rule.direction = NETrafficDirection::Outbound;
-  return rule;
-}
-
-}  // namespace
 
 void FakeProvider::startProxy(std::optional<Json> options, StartCompletion completion) {
   {
@@ -22,11 +10,7 @@ void FakeProvider::startProxy(std::optional<Json> options, StartCompletion compl
     start_options_ = std::move(options);
   }
   if (startError) return completion(startError);
-  auto settings = std::make_shared<NETransparentProxyNetworkSettings>();
-  settings->tunnelRemoteAddress = "127.0.0.1";
-  settings->includedNetworkRules = {outboundTCP(std::nullopt, 0)};
-  settings->excludedNetworkRules = {outboundTCP(NWHostEndpoint{"127.0.0.0", "0"}, 8)};
-  setTunnelNetworkSettings(std::move(settings), std::move(completion));
+  PassThroughProvider::startProxy(std::nullopt, std::move(completion));
 }
 
 void FakeProvider::stopProxy(NEProviderStopReason, std::function<void()> completion) {

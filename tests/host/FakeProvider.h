@@ -1,5 +1,5 @@
 #pragma once
-// A provider for the host's tests: hands over the usual network rules, takes or hands back each
+// A provider for the host's tests: hands over the pass-through rules, takes or hands back each
 // flow as the test decides, echoes the bytes of a flow it takes, and answers app messages with
 // what the test sets. Records what it was offered.
 
@@ -8,12 +8,11 @@
 #include <mutex>
 #include <vector>
 
-#include "platform/NetworkExtension.h"
+#include "host/PassThroughProvider.h"
 
 namespace tarnwick::host {
 
-class FakeProvider : public NETransparentProxyProvider,
-                     public std::enable_shared_from_this<FakeProvider> {
+class FakeProvider : public PassThroughProvider, public std::enable_shared_from_this<FakeProvider> {
  public:
   struct Offer {
     NEFlowMetaData metaData;
