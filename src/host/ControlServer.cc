@@ -124,7 +124,9 @@ bool ControlServer::listen(const std::string& path, std::string& error) {
     error = failure("socket", path);
     return false;
   }
-  ::unlink(path.c_str());
+  // A socket left behind by a killed host is replaced; any other file is not ours to remove.
+  struct stat existing {};
+  if (::lstat(path.c_str(), &existing) == 0 && S_ISSOCK(existing.st_mode)) ::unlink(path.c_str());
   if (::bind(listener.get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address) != 0) {
     error = failure("bind", path);
     return false;

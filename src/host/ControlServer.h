@@ -28,8 +28,8 @@ class ControlServer : public IoHandler, public std::enable_shared_from_this<Cont
       std::shared_ptr<NETransparentProxyProvider> provider);
   ~ControlServer() override;
 
-  // Binds `path` (a stale socket file there is replaced), mode 0600. On failure returns false
-  // with a one-line reason and leaves no file behind.
+  // Binds `path` (a stale socket there is replaced, any other file makes it fail), mode 0600.
+  // On failure returns false with a one-line reason and leaves no file behind.
   bool listen(const std::string& path, std::string& error);
   // Stops listening and removes the socket file.
   void close();

@@ -6,7 +6,10 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
+
+#include <fstream>
 
 #include "FakeProvider.h"
 #include "HostTesting.h"
@@ -149,6 +152,27 @@ TEST_F(ProxyHostTest, ABusyPortFailsTheStartAndLeavesNothing) {
       << *failure;
   EXPECT_FALSE(provider_->startOptions());  // never started
   EXPECT_NE(::access(controlPath_.c_str(), F_OK), 0);
+}
+
+TEST_F(ProxyHostTest, ReplacesAStaleControlSocketButNoOtherFile) {
+  {
+    // What a killed host leaves behind: the socket file without a listener.
+    UniqueFd stale(::socket(AF_UNIX, SOCK_STREAM, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    controlPath_.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(stale.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  }
+  start();
+  host_->stop();
+  std::ofstream(controlPath_) << "not a socket";
+  host_ = ProxyHost::create(provider_, options());
+  const auto failure = host_->start(std::nullopt);
+  ASSERT_TRUE(failure);
+  EXPECT_NE(failure->find(controlPath_), std::string::npos) << *failure;
+  std::ifstream kept(controlPath_);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(kept), {}), "not a socket");
+  ::unlink(controlPath_.c_str());
 }
 
 TEST_F(ProxyHostTest, AFailedProviderStartIsReportedAndUndone) {
