@@ -2,11 +2,11 @@
 // Turns redirected connections into flows. Listens on 127.0.0.1 and ::1; for each accepted
 // connection it reads the original destination (a connection aimed at the listener itself is
 // closed, so the host never loops into itself), names the owning process on the identification
-// worker, and offers the flow to the provider on the flow's framework queue. A flow the provider
-// does not take goes to the hand-back carrier.
+// worker, and offers the flow to the provider from there. A flow the provider does not take goes
+// to the hand-back carrier.
 //
-// listen() and close(): the owner's thread. onIoEvent: the loop thread. Identification: the
-// worker. Offers: the flow's framework queue.
+// listen() and close(): the owner's thread. onIoEvent: the loop thread. Identification and
+// offers: the identification worker. The flows' completions: each flow's framework queue.
 
 #include <array>
 #include <functional>
