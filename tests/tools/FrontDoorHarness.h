@@ -18,8 +18,8 @@
 
 #include "FrontDoor.h"
 #include "platform/testing/CaseName.h"
-#include "SocketAddress.h"
-#include "UniqueFd.h"
+#include "platform/posix/SocketAddress.h"
+#include "platform/posix/UniqueFd.h"
 
 namespace tarnwick::frontdoor {
 
