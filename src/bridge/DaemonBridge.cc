@@ -1,0 +1,270 @@
+#include "bridge/DaemonBridge.h"
+
+#include <array>
+#include <cassert>
+
+#include "bridge/EventLine.h"
+#include "bridge/InboundLine.h"
+#include "platform/HomeDirectory.h"
+#include "platform/Log.h"
+
+namespace tarnwick {
+
+namespace {
+
+constexpr const char* kQueueLabel = "dev.fernquill.tarnwick.netext.bridge";
+constexpr const char* kReadQueueLabel = "dev.fernquill.tarnwick.netext.bridge.read";
+
+// A non-empty text under "socketPath", if the value is an object holding one.
+std::optional<std::string> socketPathIn(const Json& options) {
+  const Json* path = jsonMember(options, "socketPath");
+  if (!path || !path->is_string() || path->get_ref<const std::string&>().empty()) {
+    return std::nullopt;
+  }
+  return path->get<std::string>();
+}
+
+}  // namespace
+
+DaemonBridge::Options DaemonBridge::defaultOptions() {
+  return Options{kReconnectDelay, kSendTimeout, nullptr};
+}
+
+std::shared_ptr<DaemonBridge> DaemonBridge::shared() {
+  // Never destroyed: flows and timers may still reach it while the process exits.
+  static const auto* const instance =
+      new std::shared_ptr<DaemonBridge>(create(realRuntime(), resolveSocketPath(std::nullopt)));
+  return *instance;
+}
+
+std::shared_ptr<DaemonBridge> DaemonBridge::create(std::shared_ptr<Runtime> runtime,
+                                                   std::string socketPath) {
+  return create(std::move(runtime), std::move(socketPath), defaultOptions());
+}
+
+std::shared_ptr<DaemonBridge> DaemonBridge::create(std::shared_ptr<Runtime> runtime,
+                                                   std::string socketPath, Options options) {
+  return std::shared_ptr<DaemonBridge>(
+      new DaemonBridge(std::move(runtime), std::move(socketPath), std::move(options)));
+}
+
+DaemonBridge::DaemonBridge(std::shared_ptr<Runtime> runtime, std::string socketPath,
+                           Options options)
+    : runtime_(std::move(runtime)),
+      options_(std::move(options)),
+      socket_path_(std::move(socketPath)),
+      queue_(runtime_->makeQueue(kQueueLabel, QualityOfService::Default)),
+      read_queue_(
+          runtime_->makeQueue(kReadQueueLabel, QualityOfService::Default, QueueKind::Blocking)) {}
+
+DaemonBridge::~DaemonBridge() {
+  // The read loop's queue is joined when it is destroyed below; ending the connection first is
+  // what lets a read blocked on it return.
+  if (output_stream_) output_stream_->close();
+}
+
+DaemonBridge::ResolvedSocket DaemonBridge::resolveSocket(const std::optional<Json>& fromConfig) {
+  if (fromConfig) {
+    if (auto path = socketPathIn(*fromConfig)) return {std::move(*path), true};
+    if (const Json* inner = jsonMember(*fromConfig, "providerConfiguration")) {
+      if (auto path = socketPathIn(*inner)) return {std::move(*path), true};
+    }
+  }
+  return {homeDirectory() + "/.tarnwick/ne.sock", false};
+}
+
+std::string DaemonBridge::resolveSocketPath(const std::optional<Json>& fromConfig) {
+  return resolveSocket(fromConfig).path;
+}
+
+void DaemonBridge::onQueue(std::function<void(DaemonBridge&)> work) {
+  queue_->async([weak = weak_from_this(), work = std::move(work)] {
+    if (auto self = weak.lock()) work(*self);
+  });
+}
+
+void DaemonBridge::adoptPath(std::string path, bool real) {
+  onQueue([path = std::move(path), real](DaemonBridge& self) mutable {
+    self.adoptPathLocked(std::move(path), real);
+  });
+}
+
+void DaemonBridge::connect() {
+  onQueue([](DaemonBridge& self) { self.openLocked(); });
+}
+
+void DaemonBridge::reconnect(std::string to) {
+  onQueue([to = std::move(to)](DaemonBridge& self) mutable {
+    netLog().info("bridge: reconnect to %{public}s", to);
+    self.switchPathLocked(std::move(to));
+    self.openLocked();
+  });
+}
+
+void DaemonBridge::send(Json event) {
+  onQueue([event = std::move(event)](DaemonBridge& self) { self.sendLocked(event); });
+}
+
+void DaemonBridge::recordCommittedSeverIfUnhealthy() {
+  onQueue([](DaemonBridge& self) { self.recordSeverLocked(); });
+}
+
+bool DaemonBridge::streamOpenLocked() const {
+  return output_stream_ && output_stream_->streamStatus() == StreamStatus::Open;
+}
+
+void DaemonBridge::closeStreamLocked() {
+  if (output_stream_) output_stream_->close();
+  output_stream_.reset();
+}
+
+void DaemonBridge::switchPathLocked(std::string path) {
+  socket_path_ = std::move(path);
+  closeStreamLocked();
+}
+
+void DaemonBridge::adoptPathLocked(std::string path, bool real) {
+  assert(queue_->isCurrent());
+  if (!real && has_config_path_) return;
+  if (real) has_config_path_ = true;
+  if (path == socket_path_ && streamOpenLocked()) return;
+  netLog().info("bridge: adopt %{public}s (real=%{bool}d)", path, real);
+  switchPathLocked(std::move(path));
+  openLocked();
+}
+
+void DaemonBridge::openLocked() {
+  assert(queue_->isCurrent());
+  if (streamOpenLocked()) return;
+  closeStreamLocked();
+  NativeSocket::Created created = NativeSocket::unixStream();
+  if (!created.socket) {
+    netLog().error("bridge: socket() failed errno=%d", created.error);
+    scheduleReconnect();
+    return;
+  }
+  // Set before the connect as well as for the writes: on this platform a connect to a listener
+  // whose backlog is full waits for room, and the timeout bounds that wait too.
+  created.socket->setSendTimeout(options_.sendTimeout);
+  if (const int error = created.socket->connectUnix(socket_path_); error != 0) {
+    netLog().error(
+        "bridge: connect(%{public}s) failed errno=%d — is the daemon's ne.sock bound + readable "
+        "by this (root) sysext?",
+        socket_path_, error);
+    scheduleReconnect();
+    return;
+  }
+  output_stream_ = std::make_unique<OutputStream>(created.socket);
+  output_stream_->open();
+  netLog().info("bridge: connected to %{public}s", socket_path_);
+  startReadLoop(std::move(created.socket));
+  flushSeversLocked();
+}
+
+void DaemonBridge::scheduleReconnect() {
+  assert(queue_->isCurrent());
+  if (reconnect_in_flight_) return;
+  reconnect_in_flight_ = true;
+  queue_->asyncAfter(options_.reconnectDelay, [weak = weak_from_this()] {
+    if (auto self = weak.lock()) {
+      self->reconnect_in_flight_ = false;
+      self->openLocked();
+    }
+  });
+}
+
+void DaemonBridge::sendLocked(const Json& event) {
+  assert(queue_->isCurrent());
+  if (!streamOpenLocked()) {
+    netLog().error("bridge: send dropped — stream not open (scheduling reconnect to %{public}s)",
+                   socket_path_);
+    scheduleReconnect();
+    return;
+  }
+  const std::optional<std::string> line = EventLine::frame(event);
+  if (!line) return;
+  const std::int64_t n =
+      output_stream_->write(reinterpret_cast<const std::uint8_t*>(line->data()), line->size());
+  if (n <= 0) {
+    netLog().error(
+        "bridge: write failed (n=%ld) to %{public}s — peer likely gone (daemon restart); "
+        "reconnecting",
+        n, socket_path_);
+    closeStreamLocked();
+    scheduleReconnect();
+    return;
+  }
+  if (!logged_first_send_) {
+    logged_first_send_ = true;
+    const Json* kind = jsonMember(event, "kind");
+    const std::string kindText =
+        kind && kind->is_string() ? kind->get<std::string>() : std::string("?");
+    netLog().info("bridge: FIRST event delivered (%ld bytes, kind=%{public}s) → daemon", n,
+                  kindText);
+  }
+}
+
+void DaemonBridge::recordSeverLocked() {
+  assert(queue_->isCurrent());
+  if (streamOpenLocked()) return;
+  ++sever_pending_;
+  netLog().error(
+      "bridge: committed relay sever during daemon-down (pending=%ld) — will flush "
+      "proxy.env.dead on reconnect",
+      sever_pending_);
+  scheduleReconnect();
+}
+
+void DaemonBridge::flushSeversLocked() {
+  assert(queue_->isCurrent());
+  if (sever_pending_ <= 0 || !streamOpenLocked()) return;
+  const Json event = {
+      {"kind", "proxy.env.dead"}, {"count", sever_pending_}, {"ts", currentTimestampNs()}};
+  const std::optional<std::string> line = EventLine::frame(event);
+  if (!line) return;
+  const std::int64_t n =
+      output_stream_->write(reinterpret_cast<const std::uint8_t*>(line->data()), line->size());
+  // A failed write keeps the count; the next send meets the failure and reconnects.
+  if (n <= 0) return;
+  netLog().info("bridge: flushed proxy.env.dead count=%ld → daemon", sever_pending_);
+  sever_pending_ = 0;
+}
+
+void DaemonBridge::startReadLoop(std::shared_ptr<NativeSocket> socket) {
+  // The loop never holds the bridge itself, so the bridge is never destroyed on the read queue.
+  read_queue_->async([weak = weak_from_this(), queue = queue_, socket = std::move(socket)] {
+    std::array<std::uint8_t, kReadChunkBytes> chunk{};
+    for (;;) {
+      const std::int64_t n = socket->receive(chunk.data(), chunk.size());
+      if (n <= 0) return;
+      if (weak.expired()) continue;
+      ingest(weak, queue, Bytes(chunk.begin(), chunk.begin() + n));
+    }
+  });
+}
+
+void DaemonBridge::ingest(const std::weak_ptr<DaemonBridge>& weak,
+                          const std::shared_ptr<DispatchQueue>& queue, Bytes chunk) {
+  queue->async([weak, chunk = std::move(chunk)] {
+    if (auto self = weak.lock()) self->ingestLocked(chunk);
+  });
+}
+
+void DaemonBridge::ingestLocked(const Bytes& chunk) {
+  assert(queue_->isCurrent());
+  read_buffer_.append(chunk, [this](std::string_view line) { handleInboundLine(line); });
+}
+
+void DaemonBridge::handleInboundLine(std::string_view line) {
+  std::optional<Json> document = InboundLine::policyPush(line);
+  if (!document) return;
+  if (options_.policySink) options_.policySink(*document);
+  netLog().info("bridge: applied enforcement policy push");
+}
+
+std::int64_t DaemonBridge::currentTimestampNs() const {
+  const double seconds = Seconds(runtime_->wallNow().time_since_epoch()).count();
+  return static_cast<std::int64_t>(seconds * 1'000'000'000.0);
+}
+
+}  // namespace tarnwick

@@ -1,0 +1,111 @@
+#pragma once
+// The extension's one channel to the daemon: a Unix-domain stream socket carrying one JSON event
+// per line out, and the daemon's lines (policy pushes) in.
+//
+// Process-wide (shared()); tests make their own with create(). Every public operation may be
+// called from any thread, returns at once and never reports a failure: the work runs on the
+// serial bridge queue, which owns every field (there is no lock), and failures end in a log line
+// on netLog and, for the connection, one retry 2 seconds later. The blocking read loop runs on a
+// queue of its own and hands what it reads back to the bridge queue. Every closure holds the
+// bridge weakly and does nothing once it is gone.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "bridge/DaemonChannel.h"
+#include "bridge/LineBuffer.h"
+#include "platform/Bytes.h"
+#include "platform/Dispatch.h"
+#include "platform/Json.h"
+#include "platform/NativeSocket.h"
+#include "platform/OutputStream.h"
+
+namespace tarnwick {
+
+class DaemonBridge : public DaemonChannel, public std::enable_shared_from_this<DaemonBridge> {
+ public:
+  // Takes each pushed policy document; called on the bridge queue.
+  using PolicySink = std::function<void(const Json& document)>;
+
+  struct Options {
+    Duration reconnectDelay;
+    // Bounds how long one event's write can hold the bridge queue when the daemon stops reading.
+    Duration sendTimeout;
+    PolicySink policySink;
+  };
+  static constexpr Duration kReconnectDelay = std::chrono::seconds(2);
+  static constexpr Duration kSendTimeout = std::chrono::milliseconds(250);
+  static constexpr std::size_t kReadChunkBytes = 4096;
+  // The delays above and the process-wide enforcement policy.
+  static Options defaultOptions();
+
+  struct ResolvedSocket {
+    std::string path;
+    bool real = false;  // the path came from the start options
+  };
+
+  // The process-wide bridge on the real runtime, at the default path, created on first use.
+  static std::shared_ptr<DaemonBridge> shared();
+  // Opens nothing: only adoptPath(), connect() and reconnect() open the connection.
+  static std::shared_ptr<DaemonBridge> create(std::shared_ptr<Runtime> runtime,
+                                              std::string socketPath);
+  static std::shared_ptr<DaemonBridge> create(std::shared_ptr<Runtime> runtime,
+                                              std::string socketPath, Options options);
+  // Closes the connection, which ends its read loop.
+  ~DaemonBridge() override;
+
+  // "socketPath" of the start options, else that of their "providerConfiguration", else the
+  // home directory followed by "/.tarnwick/ne.sock". An empty text or another type is absent.
+  static ResolvedSocket resolveSocket(const std::optional<Json>& fromConfig);
+  static std::string resolveSocketPath(const std::optional<Json>& fromConfig);
+
+  // Use `path`; a default path (real false) never replaces one from configuration.
+  void adoptPath(std::string path, bool real) override;
+  // Opens the connection to the current path unless one is open.
+  void connect();
+  // Drops the connection, switches to `to` and connects again, unconditionally.
+  void reconnect(std::string to);
+  // Writes the event as one line; dropped when there is no open connection.
+  void send(Json event) override;
+  // Counts a committed relay's sever when there is no open connection, for the next one.
+  void recordCommittedSeverIfUnhealthy() override;
+
+ private:
+  DaemonBridge(std::shared_ptr<Runtime> runtime, std::string socketPath, Options options);
+
+  // Runs `work` on the bridge queue with the bridge, if it still exists then.
+  void onQueue(std::function<void(DaemonBridge&)> work);
+
+  bool streamOpenLocked() const;
+  void closeStreamLocked();
+  void switchPathLocked(std::string path);
+  void adoptPathLocked(std::string path, bool real);
+  void openLocked();
+  void scheduleReconnect();
+  void sendLocked(const Json& event);
+  void flushSeversLocked();
+  void recordSeverLocked();
+  void startReadLoop(std::shared_ptr<NativeSocket> socket);
+  static void ingest(const std::weak_ptr<DaemonBridge>& weak,
+                     const std::shared_ptr<DispatchQueue>& queue, Bytes chunk);
+  void ingestLocked(const Bytes& chunk);
+  void handleInboundLine(std::string_view line);
+  std::int64_t currentTimestampNs() const;
+
+  const std::shared_ptr<Runtime> runtime_;
+  const Options options_;
+  std::string socket_path_;
+  std::unique_ptr<OutputStream> output_stream_;
+  const std::shared_ptr<DispatchQueue> queue_;
+  const std::shared_ptr<DispatchQueue> read_queue_;
+  LineBuffer read_buffer_;
+  bool reconnect_in_flight_ = false;
+  bool logged_first_send_ = false;
+  bool has_config_path_ = false;
+  std::int64_t sever_pending_ = 0;
+};
+
+}  // namespace tarnwick

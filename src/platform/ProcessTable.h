@@ -1,0 +1,40 @@
+#pragma once
+// The live process table of Linux, read from /proc: what the process-identity gates need to know
+// about a running process. Every lookup folds failure (no such process, no permission, a kernel
+// thread, a malformed record) into an absent result and never blocks for long.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tarnwick {
+
+struct ProcessStat {
+  std::int64_t parentPID;
+  // Clock ticks after boot at which the process started; a reused PID gets a later one.
+  std::uint64_t startTime;
+};
+
+struct ProcessCredentials {
+  std::uint32_t auditUser;  // the login UID, 4294967295 when unset
+  std::uint32_t effectiveUID;
+  std::uint32_t effectiveGID;
+  std::uint32_t realUID;
+  std::uint32_t realGID;
+  std::uint32_t session;  // the audit session, 4294967295 when unset
+};
+
+// Fields 4 (parent PID) and 22 (start time) of a /proc/PID/stat line. The command name in field
+// 2 may hold blanks and parentheses, so the fields are counted after the last ')'.
+std::optional<ProcessStat> parseProcessStat(std::string_view line);
+
+std::optional<ProcessStat> readProcessStat(std::int64_t pid);
+
+// The canonical path of the process's executable, made valid UTF-8; absent for kernel threads,
+// zombies and processes this one may not inspect.
+std::optional<std::string> readExecutablePath(std::int64_t pid);
+
+std::optional<ProcessCredentials> readProcessCredentials(std::int64_t pid);
+
+}  // namespace tarnwick
