@@ -109,7 +109,7 @@ JSON
 
 say "Agent host: daemon, front door on 127.0.0.1:$FRONTDOOR_PORT, interceptor watching $CURL"
 show "$WORK/options.json"
-start "$WORK/daemon.log" "$AGENT" "$DAEMON" --socket "$WORK/daemon.sock" --json
+start "$WORK/daemon.log" "$AGENT" "$DAEMON" --socket "$WORK/daemon.sock"
 wait_for "the daemon" test -S "$WORK/daemon.sock"
 start "$WORK/frontdoor.log" "$AGENT" "$FRONTDOOR" --listen "127.0.0.1:$FRONTDOOR_PORT"
 FRONTDOOR_PID=${PIDS[-1]}
@@ -133,10 +133,10 @@ wait "$FRONTDOOR_PID" 2>/dev/null || true
 fetch "http://$WORLD_IP/"
 sleep 0.5
 
-say "What the daemon heard"
-grep -v '"proxyext.alive"' "$WORK/daemon.log" | show
+say "What the daemon heard (liveness beacons left out)"
+grep -v '^proxyext.alive' "$WORK/daemon.log" | show
 echo
-grep '"relay.failopen"' "$WORK/daemon.log" | grep -o '"reason":"[^"]*"' | sed 's/^/   fail-open /'
+grep '^relay.failopen' "$WORK/daemon.log" | grep -o 'reason=[^ ]*' | sed 's/^/   fail-open: /'
 
 say "The interceptor's log"
 show "$WORK/interceptor.log"
