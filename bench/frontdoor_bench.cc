@@ -12,8 +12,8 @@
 
 #include "FrontDoor.h"
 #include "HostPort.h"
-#include "SocketAddress.h"
-#include "Sockets.h"
+#include "platform/posix/SocketAddress.h"
+#include "platform/posix/Sockets.h"
 
 namespace tarnwick::frontdoor {
 namespace {

@@ -23,9 +23,7 @@ struct Command {
 std::vector<Command>& commandRegistry();
 
 struct CommandRegistration {
-  explicit CommandRegistration(Command command) {
-    commandRegistry().push_back(std::move(command));
-  }
+  explicit CommandRegistration(Command command) { commandRegistry().push_back(std::move(command)); }
 };
 
 }  // namespace tarnwick::cli

@@ -7,7 +7,7 @@
 #include <cerrno>
 
 #include "HostPort.h"
-#include "Sockets.h"
+#include "platform/posix/Sockets.h"
 
 namespace tarnwick::frontdoor {
 

@@ -17,8 +17,8 @@
 #include <vector>
 
 #include "FrontDoor.h"
-#include "SocketAddress.h"
-#include "UniqueFd.h"
+#include "platform/posix/SocketAddress.h"
+#include "platform/posix/UniqueFd.h"
 
 namespace tarnwick::frontdoor {
 

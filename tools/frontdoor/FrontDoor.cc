@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "SocketAddress.h"
-#include "Sockets.h"
+#include "platform/posix/SocketAddress.h"
+#include "platform/posix/Sockets.h"
 
 namespace tarnwick::frontdoor {
 namespace {

@@ -12,11 +12,12 @@
 #include <unordered_map>
 #include <vector>
 
-#include "EventLoop.h"
+#include "FdToken.h"
 #include "FrontDoorConfig.h"
 #include "FrontDoorConnection.h"
 #include "Resolver.h"
-#include "UniqueFd.h"
+#include "platform/posix/EventLoop.h"
+#include "platform/posix/UniqueFd.h"
 
 namespace tarnwick::frontdoor {
 

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cmath>
 
-#include "Sockets.h"
+#include "platform/posix/Sockets.h"
 
 namespace tarnwick::frontdoor {
 namespace {

@@ -19,12 +19,13 @@
 
 #include "ConnectRequest.h"
 #include "ConnectionRecord.h"
-#include "EventLoop.h"
+#include "FdToken.h"
 #include "FrontDoorConfig.h"
 #include "RelayDirection.h"
 #include "Resolver.h"
-#include "SocketAddress.h"
-#include "UniqueFd.h"
+#include "platform/posix/EventLoop.h"
+#include "platform/posix/SocketAddress.h"
+#include "platform/posix/UniqueFd.h"
 
 namespace tarnwick::frontdoor {
 

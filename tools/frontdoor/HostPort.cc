@@ -38,14 +38,4 @@ std::optional<HostPort> splitHostPort(std::string_view text, PortZero zero) {
   return HostPort{std::string(host), *port};
 }
 
-std::string formatHostPort(std::string_view host, std::uint16_t port) {
-  std::string text;
-  if (host.find(':') != std::string_view::npos) {
-    text.append("[").append(host).append("]");
-  } else {
-    text.append(host);
-  }
-  return text.append(":").append(std::to_string(port));
-}
-
 }  // namespace tarnwick::frontdoor

@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/posix/SocketAddress.h"  // formatHostPort, the inverse of splitHostPort
+
 namespace tarnwick::frontdoor {
 
 struct HostPort {
@@ -23,8 +25,5 @@ enum class PortZero { Rejected, Accepted };
 // text after the closing bracket other than ":port", and a port that is not a decimal number in
 // range (0 only when accepted).
 std::optional<HostPort> splitHostPort(std::string_view text, PortZero zero = PortZero::Rejected);
-
-// The inverse: the host bracketed when it contains a colon.
-std::string formatHostPort(std::string_view host, std::uint16_t port);
 
 }  // namespace tarnwick::frontdoor

@@ -12,9 +12,9 @@
 #include <thread>
 #include <vector>
 
-#include "SocketAddress.h"
-#include "UniqueFd.h"
 #include "platform/Mutex.h"
+#include "platform/posix/SocketAddress.h"
+#include "platform/posix/UniqueFd.h"
 
 namespace tarnwick::frontdoor {
 

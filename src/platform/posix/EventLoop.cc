@@ -1,6 +1,6 @@
-#include "EventLoop.h"
+#include "platform/posix/EventLoop.h"
 
-namespace tarnwick::frontdoor {
+namespace tarnwick {
 namespace {
 
 void control(int epoll, int operation, int fd, std::uint64_t token, std::uint32_t events) {
@@ -30,4 +30,4 @@ std::span<const epoll_event> EventLoop::wait() {
   return {ready_.data(), static_cast<std::size_t>(count)};
 }
 
-}  // namespace tarnwick::frontdoor
+}  // namespace tarnwick

@@ -1,4 +1,4 @@
-#include "Sockets.h"
+#include "platform/posix/Sockets.h"
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
-namespace tarnwick::frontdoor {
+namespace tarnwick {
 namespace {
 
 UniqueFd openTcpSocket(int family) {
@@ -35,10 +35,15 @@ UniqueFd bindTcpSocket(const SocketAddress& address, std::string& error) {
   return fd;
 }
 
-DialStart startDial(const SocketAddress& address) {
+DialStart startDial(const SocketAddress& address, std::optional<std::uint32_t> mark) {
   DialStart start{openTcpSocket(address.family()), 0};
   if (!start.fd) {
     start.error = errno;
+    return start;
+  }
+  if (mark && ::setsockopt(start.fd.get(), SOL_SOCKET, SO_MARK, &*mark, sizeof *mark) != 0) {
+    start.error = errno;
+    start.fd.reset();
     return start;
   }
   if (::connect(start.fd.get(), address.get(), address.length) != 0 && errno != EINPROGRESS) {
@@ -55,6 +60,13 @@ int connectError(int fd) {
   return error;
 }
 
+void resetAndClose(UniqueFd& fd) {
+  if (!fd) return;
+  const linger hard{1, 0};
+  ::setsockopt(fd.get(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+  fd.reset();
+}
+
 void setNoDelay(int fd) { setFlag(fd, IPPROTO_TCP, TCP_NODELAY); }
 
-}  // namespace tarnwick::frontdoor
+}  // namespace tarnwick

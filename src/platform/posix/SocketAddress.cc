@@ -1,4 +1,4 @@
-#include "SocketAddress.h"
+#include "platform/posix/SocketAddress.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>
@@ -6,9 +6,7 @@
 
 #include <cstring>
 
-#include "HostPort.h"
-
-namespace tarnwick::frontdoor {
+namespace tarnwick {
 namespace {
 
 template <typename SockAddr>
@@ -20,6 +18,16 @@ SocketAddress wrap(const SockAddr& address) {
 }
 
 }  // namespace
+
+std::string formatHostPort(std::string_view host, std::uint16_t port) {
+  std::string text;
+  if (host.find(':') != std::string_view::npos) {
+    text.append("[").append(host).append("]");
+  } else {
+    text.append(host);
+  }
+  return text.append(":").append(std::to_string(port));
+}
 
 std::optional<SocketAddress> literalAddress(std::string_view host, std::uint16_t port) {
   const std::string text(host);
@@ -71,6 +79,13 @@ std::string formatAddress(const SocketAddress& address) {
   return formatHostPort(text, ntohs(v6.sin6_port));
 }
 
+std::uint16_t portOf(const SocketAddress& address) {
+  if (address.family() == AF_INET) {
+    return ntohs(reinterpret_cast<const sockaddr_in&>(address.storage).sin_port);
+  }
+  return ntohs(reinterpret_cast<const sockaddr_in6&>(address.storage).sin6_port);
+}
+
 std::optional<SocketAddress> localAddress(int fd) {
   SocketAddress address;
   address.length = sizeof address.storage;
@@ -80,4 +95,4 @@ std::optional<SocketAddress> localAddress(int fd) {
   return address;
 }
 
-}  // namespace tarnwick::frontdoor
+}  // namespace tarnwick

@@ -6,7 +6,7 @@
 
 #include <utility>
 
-namespace tarnwick::frontdoor {
+namespace tarnwick {
 
 class UniqueFd {
  public:
@@ -34,4 +34,4 @@ class UniqueFd {
   int fd_ = -1;
 };
 
-}  // namespace tarnwick::frontdoor
+}  // namespace tarnwick

@@ -2,12 +2,14 @@
 // The few socket operations the front door needs, all on non-blocking, close-on-exec TCP
 // sockets. Failures come back as errno values, never as exceptions.
 
+#include <cstdint>
+#include <optional>
 #include <string>
 
-#include "SocketAddress.h"
-#include "UniqueFd.h"
+#include "platform/posix/SocketAddress.h"
+#include "platform/posix/UniqueFd.h"
 
-namespace tarnwick::frontdoor {
+namespace tarnwick {
 
 // A TCP socket bound to the address (address reuse on; IPv6 sockets IPv6 only), not listening
 // yet. On failure the socket is invalid and error says why.
@@ -19,12 +21,16 @@ struct DialStart {
   UniqueFd fd;
   int error = 0;
 };
-DialStart startDial(const SocketAddress& address);
+// With a mark, the socket carries it (SO_MARK) before it connects, or the dial fails.
+DialStart startDial(const SocketAddress& address, std::optional<std::uint32_t> mark = std::nullopt);
 
 // The outcome of a finished non-blocking connect: 0 or an errno value.
 int connectError(int fd);
 
+// Closes the socket with a reset (SO_LINGER 0) instead of an orderly end.
+void resetAndClose(UniqueFd& fd);
+
 // Small writes such as an acknowledgement must leave at once, not wait for more data.
 void setNoDelay(int fd);
 
-}  // namespace tarnwick::frontdoor
+}  // namespace tarnwick

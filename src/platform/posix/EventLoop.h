@@ -9,21 +9,11 @@
 #include <cstdint>
 #include <span>
 
-#include "UniqueFd.h"
+#include "platform/posix/UniqueFd.h"
 
-namespace tarnwick::frontdoor {
+namespace tarnwick {
 
-// What an fd is to its owner. Connections own Client, Upstream and Timer fds under their id;
-// the front door's own fds use the Server role.
-enum class FdRole : std::uint64_t { Client = 0, Upstream = 1, Timer = 2, Server = 3 };
-
-inline std::uint64_t makeToken(std::uint64_t id, FdRole role) {
-  return (id << 2) | static_cast<std::uint64_t>(role);
-}
-inline std::uint64_t tokenId(std::uint64_t token) { return token >> 2; }
-inline FdRole tokenRole(std::uint64_t token) { return static_cast<FdRole>(token & 3); }
-
-// Used from one thread only.
+// add, modify and remove may be called from any thread (epoll_ctl is); wait() from one.
 class EventLoop {
  public:
   EventLoop();
@@ -43,4 +33,4 @@ class EventLoop {
   std::array<epoll_event, 256> ready_{};
 };
 
-}  // namespace tarnwick::frontdoor
+}  // namespace tarnwick

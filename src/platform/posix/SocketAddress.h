@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-namespace tarnwick::frontdoor {
+namespace tarnwick {
 
 struct SocketAddress {
   sockaddr_storage storage{};
@@ -26,10 +26,16 @@ std::optional<SocketAddress> literalAddress(std::string_view host, std::uint16_t
 // order; empty when the name does not resolve. May block for as long as the resolver takes.
 std::vector<SocketAddress> resolveAddresses(const std::string& host, std::uint16_t port);
 
+// "host:port", the host bracketed when it contains a colon ("[::1]:8443").
+std::string formatHostPort(std::string_view host, std::uint16_t port);
+
 // "127.0.0.1:8443" or "[::1]:8443".
 std::string formatAddress(const SocketAddress& address);
+
+// The port of an IPv4 or IPv6 address, in host order.
+std::uint16_t portOf(const SocketAddress& address);
 
 // The address a socket is bound to.
 std::optional<SocketAddress> localAddress(int fd);
 
-}  // namespace tarnwick::frontdoor
+}  // namespace tarnwick

@@ -1,0 +1,130 @@
+// tarnwick-proxyext run: the interceptor. Applies the provider's network rules, carries flows
+// until SIGINT or SIGTERM, then removes everything it installed and exits 0.
+
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <regex>
+
+#include "cli/Command.h"
+#include "cli/OptionReader.h"
+#include "host/HostLog.h"
+#include "host/PassThroughProvider.h"
+#include "host/ProxyHost.h"
+#include "host/StartOptionsFile.h"
+
+namespace tarnwick::cli {
+namespace {
+
+struct RunArguments {
+  std::string optionsPath;
+  host::HostSettings settings;
+  bool help = false;
+};
+
+constexpr const char* kRunUsage =
+    "usage: tarnwick-proxyext run --options FILE [--listen-port N] [--mark N]\n"
+    "                             [--control-socket PATH] [--table NAME]\n\n"
+    "Intercepts outbound TCP as the provider's network rules say, until SIGINT or SIGTERM.\n"
+    "Needs root. Start-up failures print one line and exit with status 2.\n\n"
+    "  --options FILE         start options, a JSON object: frontDoorPort, frontDoorHost,\n"
+    "                         watchedSigningIDs, watchedPIDs, socketPath, providerConfiguration\n"
+    "  --listen-port N        port of the loopback listeners (127.0.0.1 and ::1); default 15001\n"
+    "  --mark N               socket mark of the interceptor's own connections, decimal or 0x\n"
+    "                         hex, not 0; default 0x7477\n"
+    "  --control-socket PATH  Unix socket for watch-set messages (mode 0600);\n"
+    "                         default /run/tarnwick-proxyext.sock\n"
+    "  --table NAME           nftables table (family inet); default tarnwick_proxyext\n";
+
+int usageError(const std::string& message) {
+  std::fprintf(stderr, "tarnwick-proxyext run: %s\n", message.c_str());
+  return kExitUsage;
+}
+
+bool validTableName(const std::string& name) {
+  static const std::regex kName("[A-Za-z_][A-Za-z0-9_]{0,63}");
+  return std::regex_match(name, kName);
+}
+
+void readOption(OptionReader& reader, const std::string& name, RunArguments& out) {
+  if (name == "--help" || name == "-h") {
+    out.help = true;
+    return;
+  }
+  const auto value = reader.value();
+  if (!value) return;
+  if (name == "--options") {
+    out.optionsPath = *value;
+  } else if (name == "--listen-port") {
+    const auto port = parseUnsigned(*value, 65535);
+    if (!port || *port == 0) return reader.fail("--listen-port takes a port from 1 to 65535");
+    out.settings.listenPort = static_cast<std::uint16_t>(*port);
+  } else if (name == "--mark") {
+    const auto mark = parseUnsigned(*value, 0xffffffffUL);
+    if (!mark || *mark == 0) return reader.fail("--mark takes a non-zero 32-bit number");
+    out.settings.socketMark = static_cast<std::uint32_t>(*mark);
+  } else if (name == "--control-socket") {
+    out.settings.controlSocketPath = *value;
+  } else if (name == "--table") {
+    if (!validTableName(*value)) return reader.fail("--table takes letters, digits and _");
+    out.settings.tableName = *value;
+  } else {
+    reader.fail("unknown option " + name);
+  }
+}
+
+// Each handed-back connection holds two sockets and, while bytes pass, a pipe.
+void raiseDescriptorLimit() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+// The provider the host runs.
+std::shared_ptr<NETransparentProxyProvider> makeProvider() {
+  return std::make_shared<host::PassThroughProvider>();
+}
+
+int run(const std::vector<std::string>& args) {
+  RunArguments arguments;
+  OptionReader reader(args);
+  while (const auto name = reader.next()) {
+    readOption(reader, *name, arguments);
+    if (reader.failed()) return usageError(reader.error());
+  }
+  if (arguments.help) {
+    std::fputs(kRunUsage, stdout);
+    return kExitOk;
+  }
+  if (arguments.optionsPath.empty()) return usageError("--options FILE is required");
+  if (::geteuid() != 0) return usageError("must run as root (nftables rules and socket marks)");
+  auto options = host::readStartOptionsFile(arguments.optionsPath);
+  if (!options.options) return usageError(options.error);
+  raiseDescriptorLimit();
+  // Blocked before any thread starts, so every thread inherits the mask and sigwait gets them.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  host::ProxyHost::Options hostOptions;
+  hostOptions.settings = arguments.settings;
+  auto proxyHost = host::ProxyHost::create(makeProvider(), std::move(hostOptions));
+  if (auto error = proxyHost->start(std::move(options.options))) return usageError(*error);
+  host::hostLog().info("host: intercepting; listening on port %hu, control socket %{public}s",
+                       proxyHost->listenPort(), arguments.settings.controlSocketPath);
+  int signal = 0;
+  sigwait(&stopSignals, &signal);
+  host::hostLog().info("host: stopping on signal %d", signal);
+  proxyHost->stop();
+  return kExitOk;
+}
+
+const CommandRegistration kRun({"run", "intercept outbound TCP until SIGINT or SIGTERM (root)",
+                                run});
+
+}  // namespace
+}  // namespace tarnwick::cli

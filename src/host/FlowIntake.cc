@@ -1,0 +1,134 @@
+#include "host/FlowIntake.h"
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "host/HostLog.h"
+#include "host/OriginalDestination.h"
+#include "host/SocketFlow.h"
+#include "platform/ThreadQueue.h"
+#include "platform/posix/Sockets.h"
+
+namespace tarnwick::host {
+namespace {
+
+constexpr const char* kLoopbacks[2] = {"127.0.0.1", "::1"};
+
+UniqueFd openSpare() { return UniqueFd(::open("/dev/null", O_RDONLY | O_CLOEXEC)); }
+
+}  // namespace
+
+std::shared_ptr<FlowIntake> FlowIntake::create(Parts parts) {
+  return std::shared_ptr<FlowIntake>(new FlowIntake(std::move(parts)));
+}
+
+FlowIntake::FlowIntake(Parts parts)
+    : parts_(std::move(parts)),
+      worker_(std::make_shared<ThreadQueue>("dev.fernquill.tarnwick.host.identify",
+                                            QualityOfService::UserInitiated)),
+      spare_(openSpare()) {}
+
+FlowIntake::~FlowIntake() { close(); }
+
+bool FlowIntake::listen(std::uint16_t port, std::string& error) {
+  if (loop_id_ == 0) loop_id_ = parts_.loop->registerHandler(weak_from_this());
+  for (std::size_t i = 0; i < listeners_.size(); ++i) {
+    const auto address = literalAddress(kLoopbacks[i], port);
+    UniqueFd listener = bindTcpSocket(*address, error);
+    if (listener && ::listen(listener.get(), SOMAXCONN) != 0) {
+      error = std::string("listen: ") + std::strerror(errno);
+      listener.reset();
+    }
+    if (!listener) {
+      error = "cannot listen on " + formatAddress(*address) + ": " + error;
+      close();
+      return false;
+    }
+    // Port 0: the first listener's free port becomes the second one's too.
+    if (port == 0) port = portOf(localAddress(listener.get()).value_or(*address));
+    listeners_[i] = std::move(listener);
+  }
+  port_ = port;
+  for (std::size_t i = 0; i < listeners_.size(); ++i) {
+    parts_.loop->add(listeners_[i].get(), loop_id_, static_cast<std::uint32_t>(i), EPOLLIN);
+  }
+  return true;
+}
+
+void FlowIntake::close() {
+  for (auto& listener : listeners_) {
+    if (listener) parts_.loop->remove(listener.get());
+    listener.reset();
+  }
+}
+
+void FlowIntake::onIoEvent(std::uint32_t tag, std::uint32_t) {
+  if (tag < listeners_.size() && listeners_[tag]) acceptFrom(listeners_[tag].get());
+}
+
+void FlowIntake::acceptFrom(int listener) {
+  for (;;) {
+    SocketAddress peer;
+    peer.length = sizeof peer.storage;
+    UniqueFd client(::accept4(listener, reinterpret_cast<sockaddr*>(&peer.storage), &peer.length,
+                              SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (client) {
+      acceptOne(std::move(client), peer);
+      continue;
+    }
+    if (errno == EINTR || errno == ECONNABORTED) continue;
+    if (errno == EMFILE || errno == ENFILE) shedOne(listener);
+    return;
+  }
+}
+
+void FlowIntake::acceptOne(UniqueFd client, const SocketAddress& peer) {
+  const auto local = localAddress(client.get());
+  const auto destination = parts_.destinationOf(client.get());
+  if (!local || !destination || sameSocketAddress(*destination, *local)) {
+    hostLog().error("intake: connection to the listener itself or without a destination — closed");
+    return;
+  }
+  worker_->async([weak = weak_from_this(), client = std::make_shared<UniqueFd>(std::move(client)),
+                  peer, destination = *destination] {
+    if (auto self = weak.lock()) self->identifyAndOffer(std::move(*client), peer, destination);
+  });
+}
+
+void FlowIntake::identifyAndOffer(UniqueFd client, const SocketAddress& peer,
+                                  const SocketAddress& destination) {
+  NEFlowMetaData metaData = parts_.identify(peer, destination);
+  auto queue = parts_.runtime->makeQueue("dev.fernquill.tarnwick.host.flow",
+                                         QualityOfService::UserInitiated);
+  auto flow = SocketFlow::create(parts_.loop, std::move(client), hostEndpointOf(destination),
+                                 std::move(metaData), queue);
+  queue->async([weak = weak_from_this(), flow, destination] {
+    if (auto self = weak.lock()) self->offer(flow, destination);
+  });
+}
+
+void FlowIntake::offer(const std::shared_ptr<SocketFlow>& flow, const SocketAddress& destination) {
+  if (parts_.provider->handleNewFlow(flow)) return;
+  if (auto socket = flow->takeSocket()) parts_.carrier->carry(std::move(*socket), destination);
+}
+
+void FlowIntake::shedOne(int listener) {
+  hostLog().error("intake: out of file descriptors — dropping a connection");
+  spare_.reset();
+  UniqueFd dropped(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+  resetAndClose(dropped);
+  spare_ = openSpare();
+}
+
+FlowIntake::Identify realIdentification() {
+  auto identifier = std::make_shared<FlowIdentifier>();
+  return [identifier](const SocketAddress& client, const SocketAddress& destination) {
+    return identifier->identify(client, destination);
+  };
+}
+
+}  // namespace tarnwick::host

@@ -1,0 +1,77 @@
+#pragma once
+// Turns redirected connections into flows. Listens on 127.0.0.1 and ::1; for each accepted
+// connection it reads the original destination (a connection aimed at the listener itself is
+// closed, so the host never loops into itself), names the owning process on the identification
+// worker, and offers the flow to the provider on the flow's framework queue. A flow the provider
+// does not take goes to the hand-back carrier.
+//
+// listen() and close(): the owner's thread. onIoEvent: the loop thread. Identification: the
+// worker. Offers: the flow's framework queue.
+
+#include <array>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "host/FlowIdentifier.h"
+#include "host/HandBackCarrier.h"
+#include "host/HostLoop.h"
+#include "platform/Dispatch.h"
+#include "platform/NetworkExtension.h"
+#include "platform/posix/SocketAddress.h"
+#include "platform/posix/UniqueFd.h"
+
+namespace tarnwick::host {
+
+class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowIntake> {
+ public:
+  using DestinationLookup = std::function<std::optional<SocketAddress>(int fd)>;
+  // The metadata of the process behind a connection; runs on the identification worker.
+  using Identify =
+      std::function<NEFlowMetaData(const SocketAddress& client, const SocketAddress& destination)>;
+
+  struct Parts {
+    std::shared_ptr<HostLoop> loop;
+    std::shared_ptr<Runtime> runtime;  // makes each flow's framework queue
+    std::shared_ptr<HandBackCarrier> carrier;
+    std::shared_ptr<NETransparentProxyProvider> provider;
+    DestinationLookup destinationOf;  // the kernel's original destination
+    Identify identify;
+  };
+
+  static std::shared_ptr<FlowIntake> create(Parts parts);
+  ~FlowIntake() override;
+
+  // Binds both loopback listeners to `port` (0: a free port, the same for both). On failure
+  // returns false, says why in one line and leaves nothing bound.
+  bool listen(std::uint16_t port, std::string& error);
+  std::uint16_t port() const { return port_; }
+  // Stops accepting; flows already offered live on.
+  void close();
+
+  void onIoEvent(std::uint32_t tag, std::uint32_t events) override;
+
+ private:
+  explicit FlowIntake(Parts parts);
+  void acceptFrom(int listener);
+  void acceptOne(UniqueFd client, const SocketAddress& peer);
+  void identifyAndOffer(UniqueFd client, const SocketAddress& peer,
+                        const SocketAddress& destination);
+  void offer(const std::shared_ptr<class SocketFlow>& flow, const SocketAddress& destination);
+  // Out of descriptors: accept with the spare one and drop the connection, so the listener's
+  // readiness does not spin the loop.
+  void shedOne(int listener);
+
+  Parts parts_;
+  std::shared_ptr<DispatchQueue> worker_;
+  std::array<UniqueFd, 2> listeners_;
+  UniqueFd spare_;
+  std::uint64_t loop_id_ = 0;
+  std::uint16_t port_ = 0;
+};
+
+// The identification every real host uses: sock_diag, /proc and the process's metadata.
+FlowIntake::Identify realIdentification();
+
+}  // namespace tarnwick::host

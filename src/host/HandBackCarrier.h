@@ -1,0 +1,32 @@
+#pragma once
+// Owns the connections the host carries for the provider's handed-back flows.
+// carry(): any thread (the work moves to the loop). Everything else: the loop thread; the
+// carrier is destroyed after the loop has stopped.
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <unordered_map>
+
+#include "host/HandBackRelay.h"
+#include "host/HostLoop.h"
+#include "host/PipePool.h"
+
+namespace tarnwick::host {
+
+class HandBackCarrier : public std::enable_shared_from_this<HandBackCarrier> {
+ public:
+  HandBackCarrier(std::shared_ptr<HostLoop> loop, std::optional<std::uint32_t> mark);
+
+  void carry(UniqueFd client, const SocketAddress& destination);
+
+ private:
+  void start(UniqueFd client, const SocketAddress& destination);
+
+  const std::shared_ptr<HostLoop> loop_;
+  const std::optional<std::uint32_t> mark_;
+  PipePool pipes_;
+  std::unordered_map<std::uint64_t, std::shared_ptr<HandBackRelay>> relays_;
+};
+
+}  // namespace tarnwick::host

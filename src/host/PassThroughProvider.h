@@ -1,0 +1,18 @@
+#pragma once
+// A provider that takes no flow: it asks for all outbound TCP except loopback and private
+// networks, hands every flow back and refuses watch sets. The run command hosts it until the
+// relaying provider is wired in.
+
+#include "platform/NetworkExtension.h"
+
+namespace tarnwick::host {
+
+class PassThroughProvider : public NETransparentProxyProvider {
+ public:
+  void startProxy(std::optional<Json> options, StartCompletion completion) override;
+  void stopProxy(NEProviderStopReason reason, std::function<void()> completion) override;
+  bool handleNewFlow(std::shared_ptr<NEAppProxyFlow> flow) override;
+  void handleAppMessage(Bytes message, AppMessageCompletion completion) override;
+};
+
+}  // namespace tarnwick::host

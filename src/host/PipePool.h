@@ -1,0 +1,34 @@
+#pragma once
+// Pipes for splicing handed-back connections' bytes. A direction holds a pipe only while bytes
+// are in it; an idle connection holds none, so a thousand idle connections do not cost two
+// thousand pipes. Loop thread only.
+
+#include <optional>
+#include <vector>
+
+#include "platform/posix/UniqueFd.h"
+
+namespace tarnwick::host {
+
+struct Pipe {
+  UniqueFd read;
+  UniqueFd write;
+};
+
+class PipePool {
+ public:
+  explicit PipePool(std::size_t keep = 64) : keep_(keep) {}
+
+  // A pipe from the pool or a new one; absent when the process is out of descriptors.
+  std::optional<Pipe> acquire();
+  // Takes back an empty pipe.
+  void release(Pipe pipe);
+
+  std::size_t idleCount() const { return idle_.size(); }
+
+ private:
+  const std::size_t keep_;
+  std::vector<Pipe> idle_;
+};
+
+}  // namespace tarnwick::host

@@ -1,0 +1,140 @@
+#include "host/ProxyHost.h"
+
+#include <cerrno>
+#include <chrono>
+#include <future>
+
+#include "host/HostLog.h"
+#include "host/NftRuleset.h"
+#include "host/OriginalDestination.h"
+#include "platform/Network.h"
+
+namespace tarnwick::host {
+namespace {
+
+// How long the provider may take to start (it hands over its rules within that time).
+constexpr auto kStartTimeout = std::chrono::seconds(10);
+
+std::shared_ptr<Runtime> runtimeOr(const std::shared_ptr<Runtime>& runtime) {
+  return runtime ? runtime : realRuntime();
+}
+
+}  // namespace
+
+std::shared_ptr<ProxyHost> ProxyHost::create(std::shared_ptr<NETransparentProxyProvider> provider,
+                                             Options options) {
+  return std::shared_ptr<ProxyHost>(new ProxyHost(std::move(provider), std::move(options)));
+}
+
+ProxyHost::ProxyHost(std::shared_ptr<NETransparentProxyProvider> provider, Options options)
+    : provider_(std::move(provider)),
+      options_(std::move(options)),
+      framework_(runtimeOr(options_.runtime)
+                     ->makeQueue("dev.fernquill.tarnwick.host", QualityOfService::UserInitiated)),
+      loop_(std::make_shared<HostLoop>()) {}
+
+ProxyHost::~ProxyHost() { stop(); }
+
+std::optional<std::string> ProxyHost::start(std::optional<Json> startOptions) {
+  if (!loop_->valid()) return "cannot create the host's event loop";
+  {
+    MutexLock lock(mutex_);
+    if (options_.installRules && !table_.valid()) return "nftables is unavailable";
+  }
+  if (options_.installRules) setProcessSocketMark(options_.settings.socketMark);
+  if (auto error = listen()) {
+    stop();
+    return error;
+  }
+  started_ = true;
+  provider_->attachTunnelHost(weak_from_this());
+  auto started = std::make_shared<std::promise<std::optional<NEError>>>();
+  provider_->startProxy(std::move(startOptions), [started](std::optional<NEError> error) {
+    started->set_value(std::move(error));
+  });
+  auto outcome = started->get_future();
+  std::optional<std::string> failure;
+  if (outcome.wait_for(kStartTimeout) != std::future_status::ready) {
+    failure = "the provider did not finish starting";
+  } else if (auto error = outcome.get()) {
+    failure = "the provider did not start: " + error->localizedDescription;
+  }
+  if (failure) stop();
+  return failure;
+}
+
+std::optional<std::string> ProxyHost::listen() {
+  carrier_ = std::make_shared<HandBackCarrier>(
+      loop_, options_.installRules ? std::optional(options_.settings.socketMark) : std::nullopt);
+  intake_ = FlowIntake::create({loop_, runtimeOr(options_.runtime), carrier_, provider_,
+                                options_.destinationOf
+                                    ? options_.destinationOf
+                                    : FlowIntake::DestinationLookup(originalDestination),
+                                options_.identify ? options_.identify : realIdentification()});
+  std::string error;
+  if (!intake_->listen(options_.settings.listenPort, error)) return error;
+  control_ = ControlServer::create(loop_, framework_, provider_);
+  if (!control_->listen(options_.settings.controlSocketPath, error)) return error;
+  return std::nullopt;
+}
+
+void ProxyHost::stop() {
+  if (std::exchange(started_, false)) {
+    std::promise<void> stopped;
+    provider_->stopProxy(NEProviderStopReason::UserInitiated, [&stopped] { stopped.set_value(); });
+    stopped.get_future().wait_for(kStartTimeout);
+  }
+  removeRules();
+  if (intake_) intake_->close();
+  if (control_) control_->close();
+  loop_->stop();
+}
+
+void ProxyHost::applyTunnelNetworkSettings(
+    std::shared_ptr<const NETransparentProxyNetworkSettings> settings,
+    SettingsCompletion completion) {
+  framework_->async([weak = weak_from_this(), settings = std::move(settings),
+                     completion = std::move(completion)] {
+    auto self = weak.lock();
+    if (!self) return completion(NEError{ECANCELED, "the host has stopped"});
+    completion(self->installRules(*settings));
+  });
+}
+
+std::optional<NEError> ProxyHost::installRules(const NETransparentProxyNetworkSettings& settings) {
+  const auto ruleset = nftScriptFor(
+      settings, {options_.settings.tableName, options_.settings.socketMark, listenPort()});
+  if (!ruleset.script) return NEError{EINVAL, "network rules: " + ruleset.error};
+  MutexLock lock(mutex_);
+  if (options_.installRules) {
+    std::string error;
+    // A second set of settings replaces the first: the old table goes in the same transaction.
+    const std::string script =
+        (table_installed_ ? nftDeleteScript(options_.settings.tableName) : "") + *ruleset.script;
+    if (!table_.run(script, error)) return NEError{EPERM, "nftables: " + error};
+    table_installed_ = true;
+  }
+  applied_ = std::make_shared<NETransparentProxyNetworkSettings>(settings);
+  hostLog().info("host: network rules applied in table inet %{public}s, redirect to port %hu",
+                 options_.settings.tableName, listenPort());
+  return std::nullopt;
+}
+
+void ProxyHost::removeRules() {
+  MutexLock lock(mutex_);
+  if (!table_installed_) return;
+  std::string error;
+  if (!table_.run(nftDeleteScript(options_.settings.tableName), error)) {
+    hostLog().error("host: could not remove the table: %{public}s", error);
+  }
+  table_installed_ = false;
+}
+
+std::uint16_t ProxyHost::listenPort() const { return intake_ ? intake_->port() : 0; }
+
+std::shared_ptr<const NETransparentProxyNetworkSettings> ProxyHost::appliedSettings() const {
+  MutexLock lock(mutex_);
+  return applied_;
+}
+
+}  // namespace tarnwick::host

@@ -1,0 +1,74 @@
+#pragma once
+// Hosts a transparent-proxy provider on Linux, in the part the platform's network-extension
+// framework plays: the provider's network rules become one nftables table, redirected TCP
+// connections become flows offered to it, flows it does not take are carried directly, and the
+// control socket delivers app messages.
+//
+// start() and stop(): one thread (the command's). applyTunnelNetworkSettings: any thread; its
+// completion runs on the host's framework queue.
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "host/ControlServer.h"
+#include "host/FlowIntake.h"
+#include "host/HandBackCarrier.h"
+#include "host/HostLoop.h"
+#include "host/HostSettings.h"
+#include "host/NftTable.h"
+#include "platform/Mutex.h"
+#include "platform/NetworkExtension.h"
+
+namespace tarnwick::host {
+
+class ProxyHost : public NETunnelHost, public std::enable_shared_from_this<ProxyHost> {
+ public:
+  struct Options {
+    HostSettings settings;
+    // Off only in tests without privileges: the settings are recorded, no table is made, and
+    // the host's sockets carry no mark.
+    bool installRules = true;
+    FlowIntake::DestinationLookup destinationOf;  // empty: the kernel's original destination
+    FlowIntake::Identify identify;                // empty: the real identification
+    std::shared_ptr<Runtime> runtime;             // empty: the real runtime
+  };
+
+  static std::shared_ptr<ProxyHost> create(std::shared_ptr<NETransparentProxyProvider> provider,
+                                           Options options);
+  ~ProxyHost() override;
+
+  // Listens, starts the provider and waits for its start to complete. On failure returns one
+  // line saying why, with everything undone (no table, no listener, no socket file).
+  std::optional<std::string> start(std::optional<Json> startOptions);
+  // Stops the provider, removes the table, closes the listeners and the control socket.
+  // Idempotent.
+  void stop();
+
+  void applyTunnelNetworkSettings(std::shared_ptr<const NETransparentProxyNetworkSettings> settings,
+                                  SettingsCompletion completion) override;
+
+  std::uint16_t listenPort() const;
+  std::shared_ptr<const NETransparentProxyNetworkSettings> appliedSettings() const;
+
+ private:
+  ProxyHost(std::shared_ptr<NETransparentProxyProvider> provider, Options options);
+  std::optional<std::string> listen();
+  std::optional<NEError> installRules(const NETransparentProxyNetworkSettings& settings);
+  void removeRules();
+
+  const std::shared_ptr<NETransparentProxyProvider> provider_;
+  const Options options_;
+  const std::shared_ptr<DispatchQueue> framework_;
+  const std::shared_ptr<HostLoop> loop_;
+  std::shared_ptr<HandBackCarrier> carrier_;
+  std::shared_ptr<FlowIntake> intake_;
+  std::shared_ptr<ControlServer> control_;
+  bool started_ = false;
+  mutable Mutex mutex_;
+  NftTable table_ TW_GUARDED_BY(mutex_);
+  bool table_installed_ TW_GUARDED_BY(mutex_) = false;
+  std::shared_ptr<const NETransparentProxyNetworkSettings> applied_ TW_GUARDED_BY(mutex_);
+};
+
+}  // namespace tarnwick::host

@@ -1,0 +1,204 @@
+#include "host/SocketFlow.h"
+
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "platform/posix/Sockets.h"
+
+namespace tarnwick::host {
+namespace {
+
+// A read takes what has arrived, up to this much, into the reading thread's scratch space.
+constexpr std::size_t kReadChunkBytes = 64 * 1024;
+
+NEError errnoError(int code) { return {code, std::strerror(code)}; }
+
+NEError notOpenError() { return {ENOTCONN, "flow is not open"}; }
+
+}  // namespace
+
+std::shared_ptr<SocketFlow> SocketFlow::create(std::shared_ptr<HostLoop> loop, UniqueFd socket,
+                                               NWHostEndpoint remote, NEFlowMetaData metaData,
+                                               std::shared_ptr<DispatchQueue> framework) {
+  return std::shared_ptr<SocketFlow>(new SocketFlow(std::move(loop), std::move(socket),
+                                                    std::move(remote), std::move(metaData),
+                                                    std::move(framework)));
+}
+
+SocketFlow::SocketFlow(std::shared_ptr<HostLoop> loop, UniqueFd socket, NWHostEndpoint remote,
+                       NEFlowMetaData metaData, std::shared_ptr<DispatchQueue> framework)
+    : loop_(std::move(loop)),
+      remote_(std::move(remote)),
+      meta_data_(std::move(metaData)),
+      framework_(std::move(framework)),
+      socket_(std::move(socket)) {}
+
+SocketFlow::~SocketFlow() {
+  MutexLock lock(mutex_);
+  if (loop_id_ != 0) loop_->unregisterHandler(loop_id_);
+}
+
+void SocketFlow::open(std::optional<NWHostEndpoint>, OpenCompletion completion) {
+  std::optional<NEError> error;
+  {
+    MutexLock lock(mutex_);
+    if (opened_ || !socket_) {
+      error = NEError{EALREADY, "flow was already opened or handed back"};
+    } else {
+      opened_ = true;
+      loop_id_ = loop_->registerHandler(weak_from_this());
+      // Registered disarmed: an idle flow costs the loop nothing until it reads or writes.
+      loop_->add(socket_.get(), loop_id_, 0, EPOLLONESHOT);
+    }
+  }
+  framework_->async([completion = std::move(completion), error] { completion(error); });
+}
+
+void SocketFlow::readData(ReadCompletion completion) {
+  std::vector<Work> out;
+  {
+    MutexLock lock(mutex_);
+    if (!opened_ || !socket_ || read_closed_ || pending_read_) {
+      out.push_back(
+          [completion = std::move(completion)] { completion(std::nullopt, notOpenError()); });
+    } else {
+      pending_read_ = std::move(completion);
+      tryReadLockHeld(out);
+    }
+  }
+  post(out);
+}
+
+void SocketFlow::write(Bytes data, WriteCompletion completion) {
+  std::vector<Work> out;
+  {
+    MutexLock lock(mutex_);
+    if (!opened_ || !socket_ || write_closed_) {
+      out.push_back([completion = std::move(completion)] { completion(notOpenError()); });
+    } else {
+      pending_writes_.push_back({std::move(data), 0, std::move(completion)});
+      if (pending_writes_.size() == 1) tryWriteLockHeld(out);
+    }
+  }
+  post(out);
+}
+
+void SocketFlow::closeReadWithError(std::optional<NEError>) {
+  ReadCompletion dropped;
+  {
+    MutexLock lock(mutex_);
+    read_closed_ = true;
+    dropped = std::exchange(pending_read_, nullptr);
+    if (socket_) ::shutdown(socket_.get(), SHUT_RD);
+    finishCloseLockHeld();
+  }
+}
+
+void SocketFlow::closeWriteWithError(std::optional<NEError> error) {
+  std::vector<Work> out;
+  {
+    MutexLock lock(mutex_);
+    if (write_closed_) return;
+    write_closed_ = true;
+    if (error && socket_) {
+      failWritesLockHeld(*error, out);
+      loop_->remove(socket_.get());
+      resetAndClose(socket_);
+    } else if (pending_writes_.empty() && socket_) {
+      ::shutdown(socket_.get(), SHUT_WR);
+      write_shut_ = true;
+    }
+    finishCloseLockHeld();
+  }
+  post(out);
+}
+
+std::optional<UniqueFd> SocketFlow::takeSocket() {
+  MutexLock lock(mutex_);
+  if (opened_ || !socket_) return std::nullopt;
+  return std::move(socket_);
+}
+
+void SocketFlow::onIoEvent(std::uint32_t, std::uint32_t) {
+  // Hold ourselves: a completion posted below may drop the provider's last reference.
+  const auto self = shared_from_this();
+  std::vector<Work> out;
+  {
+    MutexLock lock(mutex_);
+    tryReadLockHeld(out);
+    if (!pending_writes_.empty()) tryWriteLockHeld(out);
+  }
+  post(out);
+}
+
+void SocketFlow::tryReadLockHeld(std::vector<Work>& out) {
+  if (!pending_read_ || !socket_) return;
+  thread_local std::array<std::uint8_t, kReadChunkBytes> scratch;
+  ssize_t got;
+  do {
+    got = ::recv(socket_.get(), scratch.data(), scratch.size(), MSG_DONTWAIT);
+  } while (got < 0 && errno == EINTR);
+  if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return rearmLockHeld();
+  auto completion = std::exchange(pending_read_, nullptr);
+  if (got < 0) {
+    out.push_back([completion, error = errnoError(errno)] { completion(std::nullopt, error); });
+  } else {
+    // Zero bytes: the client ended its stream; the empty content says so.
+    out.push_back([completion, data = Bytes(scratch.begin(), scratch.begin() + got)]() mutable {
+      completion(std::move(data), std::nullopt);
+    });
+  }
+}
+
+void SocketFlow::tryWriteLockHeld(std::vector<Work>& out) {
+  while (!pending_writes_.empty() && socket_) {
+    PendingWrite& front = pending_writes_.front();
+    const ssize_t sent = front.data.empty()
+                             ? 0
+                             : ::send(socket_.get(), front.data.data() + front.sent,
+                                      front.data.size() - front.sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent < 0 && errno == EINTR) continue;
+    if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return rearmLockHeld();
+    if (sent < 0) return failWritesLockHeld(errnoError(errno), out);
+    front.sent += static_cast<std::size_t>(sent);
+    if (front.sent < front.data.size()) continue;
+    out.push_back([completion = std::move(front.completion)] { completion(std::nullopt); });
+    pending_writes_.pop_front();
+  }
+  if (write_closed_ && !write_shut_ && socket_) {
+    ::shutdown(socket_.get(), SHUT_WR);
+    write_shut_ = true;
+    finishCloseLockHeld();
+  }
+}
+
+void SocketFlow::failWritesLockHeld(const NEError& error, std::vector<Work>& out) {
+  for (auto& pending : pending_writes_) {
+    out.push_back([completion = std::move(pending.completion), error] { completion(error); });
+  }
+  pending_writes_.clear();
+}
+
+// Once both directions are closed and written out, the socket goes: the client sees the end.
+void SocketFlow::finishCloseLockHeld() {
+  if (!read_closed_ || !write_closed_ || !pending_writes_.empty() || !socket_) return;
+  loop_->remove(socket_.get());
+  socket_.reset();
+}
+
+void SocketFlow::rearmLockHeld() {
+  if (!socket_ || loop_id_ == 0) return;
+  std::uint32_t events = EPOLLONESHOT;
+  if (pending_read_) events |= EPOLLIN;
+  if (!pending_writes_.empty()) events |= EPOLLOUT;
+  loop_->modify(socket_.get(), loop_id_, 0, events);
+}
+
+void SocketFlow::post(std::vector<Work>& work) {
+  for (auto& item : work) framework_->async(std::move(item));
+}
+
+}  // namespace tarnwick::host

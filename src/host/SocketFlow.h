@@ -1,0 +1,81 @@
+#pragma once
+// An app-proxy TCP flow over an accepted client socket: the provider reads what the client sent
+// and writes what it should receive. Every completion is posted to the flow's framework queue,
+// never run inside the provider's call.
+//
+// An idle flow holds no buffer: a read waits for readiness on the host loop and only then reads
+// into the loop's scratch space, copying out exactly what arrived. Writes go straight to the
+// socket; what does not fit waits for writability.
+//
+// Methods: any thread. onIoEvent: the loop thread. mutex_ guards the socket and the pending
+// operations; completions are posted after it is released.
+
+#include <deque>
+#include <memory>
+#include <optional>
+
+#include "host/HostLoop.h"
+#include "platform/Dispatch.h"
+#include "platform/Mutex.h"
+#include "platform/NetworkExtension.h"
+#include "platform/posix/UniqueFd.h"
+
+namespace tarnwick::host {
+
+class SocketFlow : public NEAppProxyTCPFlow,
+                   public IoHandler,
+                   public std::enable_shared_from_this<SocketFlow> {
+ public:
+  static std::shared_ptr<SocketFlow> create(std::shared_ptr<HostLoop> loop, UniqueFd socket,
+                                            NWHostEndpoint remote, NEFlowMetaData metaData,
+                                            std::shared_ptr<DispatchQueue> framework);
+  ~SocketFlow() override;
+
+  // NEAppProxyTCPFlow.
+  void open(std::optional<NWHostEndpoint> localEndpoint, OpenCompletion completion) override;
+  NEFlowMetaData metaData() const override { return meta_data_; }
+  void readData(ReadCompletion completion) override;
+  void write(Bytes data, WriteCompletion completion) override;
+  void closeReadWithError(std::optional<NEError> error) override;
+  void closeWriteWithError(std::optional<NEError> error) override;
+  std::optional<NWHostEndpoint> remoteEndpoint() const override { return remote_; }
+
+  // The socket back, for a flow the provider did not take; absent once the flow was opened.
+  std::optional<UniqueFd> takeSocket();
+
+  void onIoEvent(std::uint32_t tag, std::uint32_t events) override;
+
+ private:
+  struct PendingWrite {
+    Bytes data;
+    std::size_t sent = 0;
+    WriteCompletion completion;
+  };
+
+  SocketFlow(std::shared_ptr<HostLoop> loop, UniqueFd socket, NWHostEndpoint remote,
+             NEFlowMetaData metaData, std::shared_ptr<DispatchQueue> framework);
+
+  // Each returns the completions to post once the lock is released.
+  void tryReadLockHeld(std::vector<Work>& out) TW_REQUIRES(mutex_);
+  void tryWriteLockHeld(std::vector<Work>& out) TW_REQUIRES(mutex_);
+  void failWritesLockHeld(const NEError& error, std::vector<Work>& out) TW_REQUIRES(mutex_);
+  void finishCloseLockHeld() TW_REQUIRES(mutex_);
+  void rearmLockHeld() TW_REQUIRES(mutex_);
+  void post(std::vector<Work>& work);
+
+  const std::shared_ptr<HostLoop> loop_;
+  const NWHostEndpoint remote_;
+  const NEFlowMetaData meta_data_;
+  const std::shared_ptr<DispatchQueue> framework_;
+  Mutex mutex_;
+  UniqueFd socket_ TW_GUARDED_BY(mutex_);
+  std::uint64_t loop_id_ TW_GUARDED_BY(mutex_) = 0;  // 0 until opened
+  bool opened_ TW_GUARDED_BY(mutex_) = false;
+  bool read_closed_ TW_GUARDED_BY(mutex_) = false;
+  bool write_closed_ TW_GUARDED_BY(mutex_) = false;
+  bool write_shut_ TW_GUARDED_BY(mutex_) = false;
+  ReadCompletion pending_read_ TW_GUARDED_BY(mutex_);
+  std::deque<PendingWrite> pending_writes_ TW_GUARDED_BY(mutex_);
+};
+
+}  // namespace tarnwick::host

@@ -1,0 +1,75 @@
+#include "host/SocketOwnerMap.h"
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string_view>
+#include <vector>
+
+#include "platform/Text.h"
+
+namespace tarnwick::host {
+namespace {
+
+// The numeric entries of a directory, e.g. the PIDs under /proc or the fds under /proc/PID/fd.
+std::vector<long> numericEntries(const std::string& path) {
+  std::vector<long> entries;
+  DIR* directory = ::opendir(path.c_str());
+  if (directory == nullptr) return entries;
+  while (const dirent* entry = ::readdir(directory)) {
+    if (auto number = parseDecimal<long>(entry->d_name)) entries.push_back(*number);
+  }
+  ::closedir(directory);
+  return entries;
+}
+
+}  // namespace
+
+std::optional<std::uint64_t> socketInodeOfLink(std::string_view link) {
+  constexpr std::string_view kPrefix = "socket:[";
+  if (!link.starts_with(kPrefix) || !link.ends_with(']')) return std::nullopt;
+  const auto number =
+      parseDecimal<std::uint64_t>(link.substr(kPrefix.size(), link.size() - kPrefix.size() - 1));
+  return number;
+}
+
+SocketOwnerMap::SocketOwnerMap(std::string procRoot, std::size_t capacity)
+    : proc_root_(std::move(procRoot)), capacity_(capacity) {}
+
+std::optional<pid_t> SocketOwnerMap::ownerOf(std::uint64_t inode) {
+  if (auto found = owners_.find(inode); found != owners_.end()) return found->second;
+  return rescan(inode);
+}
+
+std::optional<pid_t> SocketOwnerMap::rescan(std::uint64_t inode) {
+  std::vector<long> pids = numericEntries(proc_root_);
+  std::sort(pids.begin(), pids.end(), std::greater<>());
+  for (long pid : pids) {
+    if (pid > 0 && scanProcess(static_cast<pid_t>(pid), inode)) return static_cast<pid_t>(pid);
+  }
+  return std::nullopt;
+}
+
+bool SocketOwnerMap::scanProcess(pid_t pid, std::uint64_t inode) {
+  const std::string fdPath = proc_root_ + "/" + std::to_string(pid) + "/fd";
+  bool holds = false;
+  char link[64];
+  for (long fd : numericEntries(fdPath)) {
+    const std::string path = fdPath + "/" + std::to_string(fd);
+    const ssize_t length = ::readlink(path.c_str(), link, sizeof link);
+    if (length <= 0) continue;
+    const auto socket = socketInodeOfLink(std::string_view(link, static_cast<std::size_t>(length)));
+    if (!socket) continue;
+    record(*socket, pid);
+    holds = holds || *socket == inode;
+  }
+  return holds;
+}
+
+void SocketOwnerMap::record(std::uint64_t inode, pid_t pid) {
+  if (owners_.size() >= capacity_) owners_.clear();
+  owners_.emplace(inode, pid);
+}
+
+}  // namespace tarnwick::host

@@ -1,0 +1,41 @@
+#pragma once
+// Which process holds a socket, by the socket's inode. Answers come from a cache of every socket
+// inode seen in /proc/PID/fd; a miss rescans. The rescan walks the newest processes first (the
+// highest PIDs; a connection usually comes from a process that just started or is already
+// known) and stops at the first process that holds the inode, recording every socket it passes
+// on the way.
+// Used from one thread at a time (the identification worker).
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+namespace tarnwick::host {
+
+class SocketOwnerMap {
+ public:
+  // `procRoot` is "/proc" except in tests; `capacity` bounds the cache (it is emptied when full).
+  explicit SocketOwnerMap(std::string procRoot = "/proc", std::size_t capacity = 65536);
+
+  std::optional<pid_t> ownerOf(std::uint64_t inode);
+
+  std::size_t cachedCountForTest() const { return owners_.size(); }
+
+ private:
+  std::optional<pid_t> rescan(std::uint64_t inode);
+  // Records the process's sockets; true when one of them is `inode`.
+  bool scanProcess(pid_t pid, std::uint64_t inode);
+  void record(std::uint64_t inode, pid_t pid);
+
+  const std::string proc_root_;
+  const std::size_t capacity_;
+  std::unordered_map<std::uint64_t, pid_t> owners_;
+};
+
+// The inode named by a descriptor link's text "socket:[12345]"; absent for anything else.
+std::optional<std::uint64_t> socketInodeOfLink(std::string_view link);
+
+}  // namespace tarnwick::host
