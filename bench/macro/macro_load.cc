@@ -94,8 +94,8 @@ int openStream(const Target& target, char command) {
     const std::string authority = target.host.find(':') != std::string::npos
                                       ? "[" + target.host + "]:" + target.port
                                       : target.host + ":" + target.port;
-    const std::string request = "CONNECT " + authority + " HTTP/1.1\r\nHost: " + authority +
-                                "\r\n\r\n";
+    const std::string request =
+        "CONNECT " + authority + " HTTP/1.1\r\nHost: " + authority + "\r\n\r\n";
     if (!sendAll(fd, request.data(), request.size())) fail("CONNECT");
     std::string head;
     char byte;
@@ -136,8 +136,7 @@ int serve(const std::string& port) {
   sockaddr_in6 address{};
   address.sin6_family = AF_INET6;
   address.sin6_port = htons(static_cast<std::uint16_t>(std::atoi(port.c_str())));
-  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      listen(fd, 4096) != 0)
+  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd, 4096) != 0)
     fail("listen");
   std::printf("listening\n");
   std::fflush(stdout);

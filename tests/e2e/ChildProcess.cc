@@ -90,8 +90,7 @@ pid_t forkProcess(pid_t fixedPid) {
 
 }  // namespace
 
-std::unique_ptr<ChildProcess> ChildProcess::spawn(const SpawnOptions& options,
-                                                  std::string& error) {
+std::unique_ptr<ChildProcess> ChildProcess::spawn(const SpawnOptions& options, std::string& error) {
   Prepared prepared;
   if (options.argv.empty()) {
     error = "nothing to run";

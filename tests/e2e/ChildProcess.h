@@ -16,10 +16,10 @@ namespace tarnwick::e2e {
 
 struct SpawnOptions {
   std::vector<std::string> argv;  // argv[0] is looked up on PATH
-  std::string netns;       // a name under /run/netns; empty keeps the caller's namespace
-  std::string outputPath;  // standard output and error; empty discards them
-  bool stdinPipe = false;  // keep a pipe to the program's standard input
-  pid_t fixedPid = 0;      // start under this PID (it must be free)
+  std::string netns;              // a name under /run/netns; empty keeps the caller's namespace
+  std::string outputPath;         // standard output and error; empty discards them
+  bool stdinPipe = false;         // keep a pipe to the program's standard input
+  pid_t fixedPid = 0;             // start under this PID (it must be free)
 };
 
 class ChildProcess {

@@ -42,10 +42,6 @@ void EndToEndTest::SetUp() {
     GTEST_SKIP() << "end-to-end tests need root for network namespaces and nftables; "
                     "run them with sudo (make test does)";
   }
-  if (runCommand({proxyext(), "run", "--help"}).output.find("unknown command") !=
-      std::string::npos) {
-    GTEST_SKIP() << "this build of tarnwick-proxyext has no 'run' command yet";
-  }
   std::string error;
   lab_ = NetworkLab::create(error);
   ASSERT_TRUE(lab_) << error;
@@ -84,15 +80,15 @@ void EndToEndTest::TearDown() {
 
 void EndToEndTest::startFrontDoor(const std::string& mode) {
   std::string error;
-  frontDoor_ = ChildProcess::spawn(
-      {{TW_E2E_FRONTDOOR, "--listen", "127.0.0.1:" + std::to_string(kFrontDoorPort), "--mode",
-        mode},
-       lab_->agent(),
-       file("frontdoor-" + std::to_string(spawned_++) + ".log")},
-      error);
+  frontDoor_ = ChildProcess::spawn({{TW_E2E_FRONTDOOR, "--listen",
+                                     "127.0.0.1:" + std::to_string(kFrontDoorPort), "--mode", mode},
+                                    lab_->agent(),
+                                    file("frontdoor-" + std::to_string(spawned_++) + ".log")},
+                                   error);
   ASSERT_TRUE(frontDoor_) << error;
-  ASSERT_TRUE(eventually([&] { return frontDoor_->output().find("listening") != std::string::npos; }))
-      << frontDoor_->output();
+  ASSERT_TRUE(eventually([&] {
+    return frontDoor_->output().find("listening") != std::string::npos;
+  })) << frontDoor_->output();
 }
 
 void EndToEndTest::stopFrontDoor() {
@@ -101,18 +97,18 @@ void EndToEndTest::stopFrontDoor() {
 }
 
 void EndToEndTest::startInterceptor(const nlohmann::json& options) {
+  watchOptions_ = options;
   nlohmann::json all = options;
   all["frontDoorHost"] = "127.0.0.1";
   all["frontDoorPort"] = kFrontDoorPort;
   all["socketPath"] = sink_->path();
   std::ofstream(file("options.json")) << all.dump();
   std::string error;
-  interceptor_ = ChildProcess::spawn(
-      {{proxyext(), "run", "--options", file("options.json"), "--control-socket",
-        file("control.sock"), "--table", kTable},
-       lab_->agent(),
-       file("interceptor.log")},
-      error);
+  interceptor_ = ChildProcess::spawn({{proxyext(), "run", "--options", file("options.json"),
+                                       "--control-socket", file("control.sock"), "--table", kTable},
+                                      lab_->agent(),
+                                      file("interceptor.log")},
+                                     error);
   ASSERT_TRUE(interceptor_) << error;
   ASSERT_TRUE(eventually([&] {
     return std::filesystem::exists(file("control.sock")) && tableExists();
@@ -121,6 +117,17 @@ void EndToEndTest::startInterceptor(const nlohmann::json& options) {
 
 bool EndToEndTest::tableExists() const {
   return runCommand({"nft", "list", "table", "inet", kTable}, lab_->agent()).status == 0;
+}
+
+bool EndToEndTest::relaying() {
+  std::vector<std::string> args;
+  for (const auto& id : watchOptions_.value("watchedSigningIDs", nlohmann::json::array())) {
+    args.insert(args.end(), {"--signing-id", id.get<std::string>()});
+  }
+  for (const auto& pid : watchOptions_.value("watchedPIDs", nlohmann::json::array())) {
+    args.insert(args.end(), {"--pid", std::to_string(pid.get<long long>())});
+  }
+  return watch(args).status == 0;
 }
 
 std::unique_ptr<ChildProcess> EndToEndTest::spawnClient(const ClientSpec& spec, bool waitStdin) {

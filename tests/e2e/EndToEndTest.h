@@ -9,10 +9,9 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "ChildProcess.h"
 #include "EventSink.h"
@@ -23,20 +22,27 @@ namespace tarnwick::e2e {
 
 struct ClientRun {
   int status = -1;
-  pid_t pid = 0;        // the process that connected, as it printed itself
+  pid_t pid = 0;  // the process that connected, as it printed itself
   std::string output;
 };
 
 struct ClientSpec {
   std::string mode = "echo";  // echo | half-close | hold
   std::string host = NetworkLab::kWorldIPv4;
-  std::uint16_t port = 0;     // 0: the echo server
+  std::uint16_t port = 0;  // 0: the echo server
   std::size_t bytes = 4096;
-  bool watchedCopy = true;    // run the watched client (false: its unwatched twin)
-  int descend = 0;            // levels of unwatched children between it and the connecting one
+  bool watchedCopy = true;  // run the watched client (false: its unwatched twin)
+  int descend = 0;          // levels of unwatched children between it and the connecting one
 };
 
 using FrontDoorLine = std::map<std::string, std::string>;
+
+// Relaying needs the provider that takes watched flows over; an interceptor built with the
+// pass-through stand-in hands every flow back and refuses watch sets.
+#define TW_REQUIRE_RELAYING()                                                            \
+  if (!relaying())                                                                       \
+  GTEST_SKIP() << "this interceptor hands every flow back (it refuses watch sets); the " \
+                  "relaying provider is not built in"
 
 class EndToEndTest : public ::testing::Test {
  protected:
@@ -58,6 +64,8 @@ class EndToEndTest : public ::testing::Test {
   // keys, and waits until its rules are in place.
   void startInterceptor(const nlohmann::json& options);
   bool tableExists() const;
+  // Whether the running interceptor takes watch sets: it is sent the one it started with.
+  bool relaying();
 
   std::unique_ptr<ChildProcess> spawnClient(const ClientSpec& spec, bool waitStdin = false);
   ClientRun finishClient(ChildProcess& client);
@@ -75,6 +83,7 @@ class EndToEndTest : public ::testing::Test {
   std::unique_ptr<WorldServer> late_;
   std::unique_ptr<ChildProcess> frontDoor_;
   std::unique_ptr<ChildProcess> interceptor_;
+  nlohmann::json watchOptions_;
   std::string twin_;
   int spawned_ = 0;
 };

@@ -36,6 +36,7 @@ TEST_P(FrontDoorFaultTest, FailsOpenWithTheReasonAndTheBytes) {
   const auto& fault = GetParam();
   ASSERT_NO_FATAL_FAILURE(startFrontDoor(fault.mode));
   ASSERT_NO_FATAL_FAILURE(startInterceptor({{"watchedSigningIDs", {watchedClient()}}}));
+  TW_REQUIRE_RELAYING();
   const auto started = std::chrono::steady_clock::now();
   const auto run = runClient({.bytes = 100'000});
   const auto took = std::chrono::steady_clock::now() - started;
@@ -53,28 +54,29 @@ TEST_P(FrontDoorFaultTest, FailsOpenWithTheReasonAndTheBytes) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Modes, FrontDoorFaultTest,
-    ::testing::Values(
-        FrontDoorFault{"Refused", "refuse", {"relay-failed"}},
-        FrontDoorFault{"Silent", "silent", {"handshake-timeout"}},
-        FrontDoorFault{"Rejected", "reject", {"no-ack"}},
-        FrontDoorFault{"Garbage", "garbage", {"no-ack"}},
-        FrontDoorFault{"AckThenClose",
-                       "ack-then-close",
-                       {"passthrough_dial|relay-write-failed", "passthrough_dial_spliced"}}),
-    [](const auto& param) { return param.param.name; });
+INSTANTIATE_TEST_SUITE_P(Modes, FrontDoorFaultTest,
+                         ::testing::Values(FrontDoorFault{"Refused", "refuse", {"relay-failed"}},
+                                           FrontDoorFault{
+                                               "Silent", "silent", {"handshake-timeout"}},
+                                           FrontDoorFault{"Rejected", "reject", {"no-ack"}},
+                                           FrontDoorFault{"Garbage", "garbage", {"no-ack"}},
+                                           FrontDoorFault{"AckThenClose",
+                                                          "ack-then-close",
+                                                          {"passthrough_dial|relay-write-failed",
+                                                           "passthrough_dial_spliced"}}),
+                         [](const auto& param) { return param.param.name; });
 
 TEST_F(EndToEndTest, CircuitOpensAfterThreeFailures) {
   ASSERT_NO_FATAL_FAILURE(startInterceptor({{"watchedSigningIDs", {watchedClient()}}}));
+  TW_REQUIRE_RELAYING();
   for (int i = 0; i < 4; ++i) {
     const auto run = runClient({});
     ASSERT_EQ(run.status, 0) << run.output;
     ASSERT_TRUE(sink_->waitForCount("relay.failopen", i + 1));
   }
-  EXPECT_EQ(reasonsOf(sink_->eventsOfKind("relay.failopen")),
-            (std::vector<std::string>{"relay-failed", "relay-failed", "relay-failed",
-                                      "circuit-open"}));
+  EXPECT_EQ(
+      reasonsOf(sink_->eventsOfKind("relay.failopen")),
+      (std::vector<std::string>{"relay-failed", "relay-failed", "relay-failed", "circuit-open"}));
 }
 
 // A committed relay cut while the daemon is away is counted, and the count is the first thing the
@@ -82,6 +84,7 @@ TEST_F(EndToEndTest, CircuitOpensAfterThreeFailures) {
 TEST_F(EndToEndTest, DaemonRestartReportsSeveredRelays) {
   ASSERT_NO_FATAL_FAILURE(startFrontDoor());
   ASSERT_NO_FATAL_FAILURE(startInterceptor({{"watchedSigningIDs", {watchedClient()}}}));
+  TW_REQUIRE_RELAYING();
   auto holder = spawnClient({.mode = "hold"});
   ASSERT_TRUE(holder);
   ASSERT_TRUE(eventually([&] { return holder->output().find("ready") != std::string::npos; }))

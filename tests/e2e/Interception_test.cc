@@ -26,6 +26,7 @@ class InterceptionTest : public EndToEndTest {
 
 TEST_F(InterceptionTest, WatchedProgramIsRelayedWithItsIdentity) {
   ASSERT_NO_FATAL_FAILURE(startWatching(watchingClient()));
+  TW_REQUIRE_RELAYING();
   const auto run = runClient({.bytes = 100'000});
   ASSERT_EQ(run.status, 0) << run.output;
 
@@ -35,8 +36,8 @@ TEST_F(InterceptionTest, WatchedProgramIsRelayedWithItsIdentity) {
   EXPECT_EQ(line.at("pid"), std::to_string(run.pid));
   EXPECT_EQ(line.at("signing"), watchedClient());
   EXPECT_TRUE(std::regex_match(line.at("trace"), std::regex("[0-9a-f]{16}"))) << line.at("trace");
-  EXPECT_EQ(line.at("dest"), std::string(NetworkLab::kWorldIPv4) + ":" +
-                                 std::to_string(echo_->port()));
+  EXPECT_EQ(line.at("dest"),
+            std::string(NetworkLab::kWorldIPv4) + ":" + std::to_string(echo_->port()));
   EXPECT_EQ(line.at("up"), "100000");
   EXPECT_EQ(line.at("down"), "100000");
 
@@ -67,6 +68,9 @@ class TransferTest : public InterceptionTest, public ::testing::WithParamInterfa
 TEST_P(TransferTest, BytesArriveUnchanged) {
   const auto& transfer = GetParam();
   ASSERT_NO_FATAL_FAILURE(startWatching(watchingClient()));
+  if (transfer.watched) {
+    TW_REQUIRE_RELAYING();
+  }
   const bool halfClose = std::string(transfer.mode) == "half-close";
   const auto run = runClient({.mode = transfer.mode,
                               .port = halfClose ? late_->port() : echo_->port(),
@@ -96,6 +100,7 @@ class DescendantTest : public InterceptionTest, public ::testing::WithParamInter
 // The connecting process is an unwatched program whose parent (or grandparent) is watched.
 TEST_P(DescendantTest, IsRelayedUnderItsOwnIdentity) {
   ASSERT_NO_FATAL_FAILURE(startWatching(watchingClient()));
+  TW_REQUIRE_RELAYING();
   const auto run = runClient({.descend = GetParam()});
   ASSERT_EQ(run.status, 0) << run.output;
   const auto lines = frontDoorLines(1);
@@ -111,6 +116,7 @@ INSTANTIATE_TEST_SUITE_P(ChildAndGrandchild, DescendantTest, ::testing::Values(1
 
 TEST_F(InterceptionTest, LiveWatchChangeMovesWhoIsRelayed) {
   ASSERT_NO_FATAL_FAILURE(startWatching(watchingClient()));
+  TW_REQUIRE_RELAYING();
   ASSERT_EQ(runClient({.watchedCopy = true}).status, 0);
   ASSERT_EQ(frontDoorLines(1).size(), 1u);
 
@@ -130,6 +136,7 @@ TEST_F(InterceptionTest, LiveWatchChangeMovesWhoIsRelayed) {
 // process given the same PID (made here with clone3's set_tid) is handed back.
 TEST_F(InterceptionTest, PidWatchFollowsTheProcessNotTheNumber) {
   ASSERT_NO_FATAL_FAILURE(startWatching(Json::object()));
+  TW_REQUIRE_RELAYING();
   auto first = spawnClient({.watchedCopy = false}, /*waitStdin=*/true);
   ASSERT_TRUE(first);
   const pid_t pid = first->pid();
@@ -164,14 +171,17 @@ class IPv6Test : public InterceptionTest, public ::testing::WithParamInterface<b
 TEST_P(IPv6Test, DestinationIsCarried) {
   const bool watched = GetParam();
   ASSERT_NO_FATAL_FAILURE(startWatching(watchingClient()));
+  if (watched) {
+    TW_REQUIRE_RELAYING();
+  }
   const auto run =
       runClient({.host = NetworkLab::kWorldIPv6, .bytes = 200'000, .watchedCopy = watched});
   ASSERT_EQ(run.status, 0) << run.output;
   const auto lines = frontDoorLines(watched ? 1 : 0);
   ASSERT_EQ(lines.size(), watched ? 1u : 0u);
   if (watched) {
-    EXPECT_EQ(lines[0].at("dest"), "[" + std::string(NetworkLab::kWorldIPv6) +
-                                       "]:" + std::to_string(echo_->port()));
+    EXPECT_EQ(lines[0].at("dest"),
+              "[" + std::string(NetworkLab::kWorldIPv6) + "]:" + std::to_string(echo_->port()));
     const auto open = sink_->waitFor("relay.open");
     ASSERT_TRUE(open);
     EXPECT_EQ((*open)["dest_host"], NetworkLab::kWorldIPv6);

@@ -64,7 +64,10 @@ std::unique_ptr<WorldServer> WorldServer::start(const std::string& netns, Server
 
 WorldServer::WorldServer(int listenFd, int wakeRead, int wakeWrite, std::uint16_t port,
                          ServerKind kind)
-    : listen_fd_(listenFd), wake_read_(wakeRead), wake_write_(wakeWrite), port_(port),
+    : listen_fd_(listenFd),
+      wake_read_(wakeRead),
+      wake_write_(wakeWrite),
+      port_(port),
       kind_(kind) {}
 
 WorldServer::~WorldServer() {
