@@ -23,11 +23,15 @@ WORK=
 
 say() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
 show() { sed 's/^/   /' "$@"; }
+lines() { grep "$@" || true; }  # grep that is content to find nothing
 
 cleanup() {
   set +e
   for pid in "${PIDS[@]}"; do kill "$pid" 2>/dev/null; done
+  # Whatever else runs in the namespaces was started by this script too (helpers, wrappers).
+  for ns in "$AGENT" "$WORLD"; do ip netns pids "$ns" 2>/dev/null | xargs -r kill 2>/dev/null; done
   for pid in "${PIDS[@]}"; do wait "$pid" 2>/dev/null; done
+  for ns in "$AGENT" "$WORLD"; do ip netns pids "$ns" 2>/dev/null | xargs -r kill -9 2>/dev/null; done
   ip netns del "$AGENT" 2>/dev/null
   ip netns del "$WORLD" 2>/dev/null
   [ -n "$WORK" ] && rm -rf "$WORK"
@@ -95,8 +99,8 @@ context.load_cert_chain(cert, key)
 server.socket = context.wrap_socket(server.socket, server_side=True)
 server.serve_forever()
 PY
-start "$WORK/http.log" "$WORLD" python3 -m http.server 80 --bind "$WORLD_IP" --directory "$WORK/www"
-start "$WORK/https.log" "$WORLD" python3 "$WORK/https.py" "$WORK/www" "$WORK/cert.pem" \
+start "$WORK/http.log" "$WORLD" /usr/bin/python3 -m http.server 80 --bind "$WORLD_IP" --directory "$WORK/www"
+start "$WORK/https.log" "$WORLD" /usr/bin/python3 "$WORK/https.py" "$WORK/www" "$WORK/cert.pem" \
   "$WORK/key.pem" "$WORLD_IP"
 wait_for "the HTTP server" port_open "$WORLD" "$WORLD_IP" 80
 wait_for "the HTTPS server" port_open "$WORLD" "$WORLD_IP" 443
@@ -113,7 +117,7 @@ start "$WORK/daemon.log" "$AGENT" "$DAEMON" --socket "$WORK/daemon.sock"
 wait_for "the daemon" test -S "$WORK/daemon.sock"
 start "$WORK/frontdoor.log" "$AGENT" "$FRONTDOOR" --listen "127.0.0.1:$FRONTDOOR_PORT"
 FRONTDOOR_PID=${PIDS[-1]}
-wait_for "the front door" port_open "$AGENT" 127.0.0.1 "$FRONTDOOR_PORT"
+wait_for "the front door" grep -q '^listening' "$WORK/frontdoor.log"
 start "$WORK/interceptor.log" "$AGENT" "$BIN" run --options "$WORK/options.json" \
   --control-socket "$WORK/control.sock"
 wait_for "the interceptor" test -S "$WORK/control.sock"
@@ -125,7 +129,7 @@ fetch --cacert "$WORK/cert.pem" --resolve "world.demo:443:$WORLD_IP" https://wor
 sleep 0.5
 
 say "The front door's lines: identity headers, server name, bytes each way"
-grep '^conn ' "$WORK/frontdoor.log" | show
+lines '^conn ' "$WORK/frontdoor.log" | show
 
 say "Stopping the front door; curl http://$WORLD_IP/ again (fails open, straight to the server)"
 kill "$FRONTDOOR_PID"
@@ -134,9 +138,9 @@ fetch "http://$WORLD_IP/"
 sleep 0.5
 
 say "What the daemon heard (liveness beacons left out)"
-grep -v '^proxyext.alive' "$WORK/daemon.log" | show
+lines -v '^proxyext.alive' "$WORK/daemon.log" | show
 echo
-grep '^relay.failopen' "$WORK/daemon.log" | grep -o 'reason=[^ ]*' | sed 's/^/   fail-open: /'
+lines '^relay.failopen' "$WORK/daemon.log" | lines -o 'reason=[^ ]*' | sed 's/^/   fail-open: /'
 
 say "The interceptor's log"
 show "$WORK/interceptor.log"
