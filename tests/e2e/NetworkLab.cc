@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -19,6 +20,27 @@ using Argv = std::vector<std::string>;
 std::string uniqueSuffix() {
   static std::atomic<int> counter{0};
   return std::to_string(getpid()) + "-" + std::to_string(counter++);
+}
+
+bool runSteps(const std::vector<Argv>& steps, std::string& error) {
+  for (const auto& step : steps) {
+    const auto result = runCommand(step);
+    if (result.status != 0) {
+      error = step[0];
+      for (std::size_t i = 1; i < step.size(); ++i) error += " " + step[i];
+      error += ": " + result.output;
+      return false;
+    }
+  }
+  return true;
+}
+
+// The hardware address of a link: the third column of `ip -br link show`.
+std::string linkAddress(const std::string& netns, const std::string& link) {
+  std::istringstream columns(runCommand({"ip", "-n", netns, "-br", "link", "show", link}).output);
+  std::string name, state, address;
+  columns >> name >> state >> address;
+  return address;
 }
 
 }  // namespace
@@ -66,16 +88,16 @@ bool NetworkLab::build(std::string& error) {
       {"ip", "-n", agent_, "link", "set", agentLink, "up"},
       {"ip", "-n", world_, "link", "set", worldLink, "up"},
   };
-  for (const auto& step : steps) {
-    const auto result = runCommand(step);
-    if (result.status != 0) {
-      error = step[0];
-      for (std::size_t i = 1; i < step.size(); ++i) error += " " + step[i];
-      error += ": " + result.output;
-      return false;
-    }
-  }
-  return true;
+  if (!runSteps(steps, error)) return false;
+  // Neighbour discovery on a link that has just come up loses the first IPv6 SYN, which then
+  // waits a second for its retransmission; fixed neighbour entries take discovery out of play.
+  const std::string agentMac = linkAddress(agent_, agentLink);
+  const std::string worldMac = linkAddress(world_, worldLink);
+  return runSteps({{"ip", "-n", agent_, "neigh", "replace", kWorldIPv6, "lladdr", worldMac, "dev",
+                    agentLink, "nud", "permanent"},
+                   {"ip", "-n", world_, "neigh", "replace", kAgentIPv6, "lladdr", agentMac, "dev",
+                    worldLink, "nud", "permanent"}},
+                  error);
 }
 
 void NetworkLab::within(const std::string& netns, const std::function<void()>& work) {
