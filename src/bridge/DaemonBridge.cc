@@ -7,6 +7,7 @@
 #include "bridge/InboundLine.h"
 #include "platform/HomeDirectory.h"
 #include "platform/Log.h"
+#include "policy/EnforcementPolicy.h"
 
 namespace tarnwick {
 
@@ -27,7 +28,8 @@ std::optional<std::string> socketPathIn(const Json& options) {
 }  // namespace
 
 DaemonBridge::Options DaemonBridge::defaultOptions() {
-  return Options{kReconnectDelay, kSendTimeout, nullptr};
+  return Options{kReconnectDelay, kSendTimeout,
+                 [](const Json& document) { EnforcementPolicy::shared().update(document); }};
 }
 
 std::shared_ptr<DaemonBridge> DaemonBridge::shared() {
@@ -258,7 +260,7 @@ void DaemonBridge::ingestLocked(const Bytes& chunk) {
 void DaemonBridge::handleInboundLine(std::string_view line) {
   std::optional<Json> document = InboundLine::policyPush(line);
   if (!document) return;
-  if (options_.policySink) options_.policySink(*document);
+  options_.policySink(*document);
   netLog().info("bridge: applied enforcement policy push");
 }
 

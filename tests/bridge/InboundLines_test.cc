@@ -4,6 +4,7 @@
 #include "BridgeHarness.h"
 #include "bridge/InboundLine.h"
 #include "bridge/LineBuffer.h"
+#include "policy/EnforcementPolicy.h"
 
 namespace tarnwick::testing {
 namespace {
@@ -153,6 +154,36 @@ TEST_F(BridgeInboundLifetimeTest, DestroyingTheBridgeEndsABlockedReadLoop) {
   daemon.write(kPush + "\n");
   env_->runUntilIdle();
   EXPECT_EQ(policy_.count(), 0u);
+}
+
+using PolicyPushTest = BridgeTest;
+
+TEST_F(PolicyPushTest, PushReplacesWhatTheSharedPolicyDecides) {
+  using Verdict = EnforcementPolicy::Verdict;
+  EnforcementPolicy& policy = EnforcementPolicy::shared();
+  policy.update(Json::object());
+  bridge_ = DaemonBridge::create(env_, path_);  // default options: the shared policy
+  connectToDaemon();
+  const auto decide = [&] { return policy.decide(7, "/usr/bin/curl", "api.blocked.example"); };
+  const auto applied = [&] { return logged("bridge: applied enforcement policy push"); };
+  EXPECT_EQ(decide(), Verdict::Allow);
+
+  daemon_->write(R"({"kind":"policy.push","version":1,"agents":{"/usr/bin/curl":)"
+                 R"({"mode":"enforce","restrict":"deny","deny":["*.blocked.example"]}}})"
+                 "\n");
+  ASSERT_TRUE(env_->runUntil([&] { return applied() == 1; }));
+  EXPECT_EQ(decide(), Verdict::Drop);
+
+  // Logged whatever the policy made of it: a version it refuses leaves the policy as it was.
+  daemon_->write(R"({"kind":"policy.push","version":2})"
+                 "\n");
+  ASSERT_TRUE(env_->runUntil([&] { return applied() == 2; }));
+  EXPECT_EQ(decide(), Verdict::Drop);
+
+  daemon_->write(R"({"kind":"policy.push"})"
+                 "\n");
+  ASSERT_TRUE(env_->runUntil([&] { return applied() == 3; }));
+  EXPECT_EQ(decide(), Verdict::Allow) << "a document without sections empties the policy";
 }
 
 }  // namespace
