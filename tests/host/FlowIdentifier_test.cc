@@ -49,8 +49,8 @@ TEST_P(FlowIdentifierTest, NamesThisProcessWithItsTokenAndExecutable) {
 
 TEST_P(FlowIdentifierTest, UnknownConnectionHasNoProcess) {
   FlowIdentifier identifier;
-  const NEFlowMetaData metaData = identifier.identify(loopbackAddress(GetParam(), 1),
-                                                      loopbackAddress(GetParam(), 2));
+  const NEFlowMetaData metaData =
+      identifier.identify(loopbackAddress(GetParam(), 1), loopbackAddress(GetParam(), 2));
   EXPECT_EQ(metaData.sourceAppAuditToken, std::nullopt);
   EXPECT_EQ(metaData.sourceAppSigningIdentifier, "");
 }

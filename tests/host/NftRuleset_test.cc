@@ -23,9 +23,12 @@ NETransparentProxyNetworkSettings providerSettings() {
   NETransparentProxyNetworkSettings settings;
   settings.tunnelRemoteAddress = "127.0.0.1";
   settings.includedNetworkRules = {tcpRule(std::nullopt, 0)};
-  for (const auto& [host, prefix] :
-       {std::pair{"127.0.0.0", 8}, {"::1", 128}, {"169.254.0.0", 16}, {"10.0.0.0", 8},
-        {"172.16.0.0", 12}, {"192.168.0.0", 16}}) {
+  for (const auto& [host, prefix] : {std::pair{"127.0.0.0", 8},
+                                     {"::1", 128},
+                                     {"169.254.0.0", 16},
+                                     {"10.0.0.0", 8},
+                                     {"172.16.0.0", 12},
+                                     {"192.168.0.0", 16}}) {
     settings.excludedNetworkRules.push_back(tcpRule(NWHostEndpoint{host, "0"}, prefix));
   }
   return settings;
@@ -94,15 +97,15 @@ TEST_P(NftRulesetRejectionTest, RefusesRulesItCannotExpress) {
   EXPECT_NE(result.error.find("excluded rule"), std::string::npos) << result.error;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Rules, NftRulesetRejectionTest,
-    ::testing::Values(BadRule{"HostName", {"example.com", "0"}, 8},
-                      BadRule{"PrefixTooLongForIPv4", {"10.0.0.0", "0"}, 33},
-                      BadRule{"NegativePrefix", {"::", "0"}, -1},
-                      BadRule{"ServiceNamePort", {"10.0.0.0", "https"}, 8},
-                      BadRule{"PortOutOfRange", {"10.0.0.0", "65536"}, 8},
-                      BadRule{"InjectedText", {"10.0.0.0/8 accept; #", "0"}, 8}),
-    [](const auto& param) { return std::string(param.param.name); });
+INSTANTIATE_TEST_SUITE_P(Rules, NftRulesetRejectionTest,
+                         ::testing::Values(BadRule{"HostName", {"example.com", "0"}, 8},
+                                           BadRule{"PrefixTooLongForIPv4", {"10.0.0.0", "0"}, 33},
+                                           BadRule{"NegativePrefix", {"::", "0"}, -1},
+                                           BadRule{"ServiceNamePort", {"10.0.0.0", "https"}, 8},
+                                           BadRule{"PortOutOfRange", {"10.0.0.0", "65536"}, 8},
+                                           BadRule{
+                                               "InjectedText", {"10.0.0.0/8 accept; #", "0"}, 8}),
+                         [](const auto& param) { return std::string(param.param.name); });
 
 }  // namespace
 }  // namespace tarnwick::host

@@ -26,17 +26,16 @@ TEST_P(StartOptionsTest, AcceptsOnlyOneJsonObject) {
 
 INSTANTIATE_TEST_SUITE_P(
     Documents, StartOptionsTest,
-    ::testing::Values(
-        OptionsCase{"AllKeys",
-                    R"({"frontDoorPort":8443,"frontDoorHost":"127.0.0.1",)"
-                    R"("watchedSigningIDs":["/usr/bin/curl"],"watchedPIDs":[42],)"
-                    R"("socketPath":"/run/d.sock","providerConfiguration":{}})",
-                    true},
-        OptionsCase{"EmptyObject", "{}\n", true},
-        OptionsCase{"Array", "[1,2]", false}, OptionsCase{"Number", "8443", false},
-        OptionsCase{"Empty", "", false}, OptionsCase{"TrailingBytes", "{} x", false},
-        OptionsCase{"Truncated", R"({"frontDoorPort":)", false},
-        OptionsCase{"InvalidUtf8", "{\"frontDoorHost\":\"\xff\"}", false}),
+    ::testing::Values(OptionsCase{"AllKeys",
+                                  R"({"frontDoorPort":8443,"frontDoorHost":"127.0.0.1",)"
+                                  R"("watchedSigningIDs":["/usr/bin/curl"],"watchedPIDs":[42],)"
+                                  R"("socketPath":"/run/d.sock","providerConfiguration":{}})",
+                                  true},
+                      OptionsCase{"EmptyObject", "{}\n", true},
+                      OptionsCase{"Array", "[1,2]", false}, OptionsCase{"Number", "8443", false},
+                      OptionsCase{"Empty", "", false}, OptionsCase{"TrailingBytes", "{} x", false},
+                      OptionsCase{"Truncated", R"({"frontDoorPort":)", false},
+                      OptionsCase{"InvalidUtf8", "{\"frontDoorHost\":\"\xff\"}", false}),
     [](const auto& param) { return std::string(param.param.name); });
 
 TEST(StartOptionsFileTest, KeepsEveryKeyOfTheFile) {
