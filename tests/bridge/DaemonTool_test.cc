@@ -1,3 +1,4 @@
+#include <condition_variable>
 #include <thread>
 
 #include "BridgeHarness.h"
@@ -83,6 +84,7 @@ class DaemonServerTest : public BridgeTest {
         [this](std::string_view line) {
           std::lock_guard<std::mutex> lock(mutex_);
           events_.emplace_back(line);
+          arrived_.notify_all();
         },
         [this](std::string_view line) {
           std::lock_guard<std::mutex> lock(mutex_);
@@ -97,12 +99,14 @@ class DaemonServerTest : public BridgeTest {
     if (server_) server_->stop();
     if (thread_.joinable()) thread_.join();
   }
-  std::size_t eventCount() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return events_.size();
+  // The server's thread reports to the test, not to the runtime, so this waits on its own.
+  bool waitForEvents(std::size_t count, std::chrono::milliseconds timeout = 2s) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return arrived_.wait_for(lock, timeout, [&] { return events_.size() >= count; });
   }
 
   std::mutex mutex_;
+  std::condition_variable arrived_;
   std::vector<std::string> events_;
   std::vector<std::string> statuses_;
   std::unique_ptr<daemon::DaemonServer> server_;
@@ -118,7 +122,7 @@ TEST_F(DaemonServerTest, PushesOnEachConnectionAndReceivesEvents) {
   bridge().reconnect(server_->path());
   ASSERT_TRUE(env_->runUntil([&] { return policy_.count() == 2; }));
   send(alive(2));
-  ASSERT_TRUE(env_->runUntil([&] { return eventCount() == 2; }));
+  ASSERT_TRUE(waitForEvents(2));
   server_->stop();
   thread_.join();
   EXPECT_EQ(events_, (std::vector<std::string>{R"({"kind":"proxyext.alive","ts":1})",
@@ -136,9 +140,10 @@ TEST_F(DaemonServerTest, ServesOneConnectionAtATime) {
   env_->runUntilIdle();
   waiting->send(alive(2));  // sits in the backlog's connection
   bridge().send(alive(1));
-  EXPECT_FALSE(env_->runUntil([&] { return eventCount() > 1; }, 50ms));
+  env_->runUntilIdle();
+  EXPECT_FALSE(waitForEvents(2, 50ms));
   bridge_.reset();  // its connection ends, so the waiting one is served
-  ASSERT_TRUE(env_->runUntil([&] { return eventCount() == 2; }));
+  ASSERT_TRUE(waitForEvents(2));
   std::lock_guard<std::mutex> lock(mutex_);
   EXPECT_EQ(events_, (std::vector<std::string>{R"({"kind":"proxyext.alive","ts":1})",
                                                R"({"kind":"proxyext.alive","ts":2})"}));
