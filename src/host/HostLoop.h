@@ -51,7 +51,9 @@ class HostLoop {
   void post(Work work);
   bool isLoopThread() const { return std::this_thread::get_id() == thread_.get_id(); }
 
-  // Joins the loop thread; posted work not yet run is dropped. Idempotent; not from the loop.
+  // Joins the loop thread; posted work not yet run is dropped. Idempotent. Not from the loop
+  // thread: the host stops the loop before its last owner lets go, so no handler on the loop
+  // ever drops the last reference.
   void stop();
 
  private:

@@ -85,9 +85,10 @@ void ProxyHost::stop() {
     stopped.get_future().wait_for(kStartTimeout);
   }
   removeRules();
+  // The loop stops first, so closing the listeners races with no event handler.
+  loop_->stop();
   if (intake_) intake_->close();
   if (control_) control_->close();
-  loop_->stop();
 }
 
 void ProxyHost::applyTunnelNetworkSettings(

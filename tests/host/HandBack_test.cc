@@ -24,6 +24,9 @@ class HandBackTest : public ::testing::TestWithParam<std::string> {
     ASSERT_EQ(::listen(listener_.get(), 16), 0);
   }
 
+  // The loop stops before the objects its handlers may be holding go.
+  void TearDown() override { loop_->stop(); }
+
   // A client whose connection the carrier takes to `port` on the same loopback address.
   std::unique_ptr<TestClient> carriedClient(std::uint16_t port) {
     auto client = std::make_unique<TestClient>(*localAddress(listener_.get()));
@@ -81,8 +84,8 @@ TEST_P(HandBackTest, PassesTheDestinationsEndOnWhileTheClientKeepsSending) {
 
 TEST_P(HandBackTest, ARefusedDestinationResetsTheClient) {
   LoopbackServer refusing(GetParam(), LoopbackServer::Mode::Refuse);
+  // Only reads: a send racing the reset would take the error and leave the read a plain end.
   auto client = carriedClient(refusing.port());
-  client->send("GET / HTTP/1.1\r\n\r\n");
   EXPECT_EQ(client->readToEnd(), "");
   EXPECT_EQ(client->error(), ECONNRESET);
 }

@@ -38,6 +38,9 @@ class SocketFlowTest : public ::testing::Test {
                                framework_);
   }
 
+  // The loop stops before the objects its handlers may be holding go.
+  void TearDown() override { loop_->stop(); }
+
   void open() {
     std::promise<std::optional<NEError>> opened;
     flow_->open(std::nullopt, [&](std::optional<NEError> error) { opened.set_value(error); });
