@@ -54,7 +54,9 @@ DaemonBridge::DaemonBridge(std::shared_ptr<Runtime> runtime, std::string socketP
       read_queue_(
           runtime_->makeQueue(kReadQueueLabel, QualityOfService::Default, QueueKind::Blocking)) {
   if (!options_.policySink) {
-    options_.policySink = [](const Json& document) { EnforcementPolicy::shared().update(document); };
+    options_.policySink = [](const Json& document) {
+      EnforcementPolicy::shared().update(document);
+    };
   }
 }
 
@@ -103,7 +105,10 @@ void DaemonBridge::reconnect(std::string to) {
 }
 
 void DaemonBridge::send(Json event) {
-  onQueue([event = std::move(event)](DaemonBridge& self) { self.sendLocked(event); });
+  // The hottest path: one closure, without onQueue's second wrapper.
+  queue_->async([weak = weak_from_this(), event = std::move(event)] {
+    if (auto self = weak.lock()) self->sendLocked(event);
+  });
 }
 
 void DaemonBridge::recordCommittedSeverIfUnhealthy() {
