@@ -76,7 +76,7 @@ wait_for() {  # wait_for DESCRIPTION COMMAND...
 }
 
 port_open() { ip netns exec "$1" bash -c "exec 3<>/dev/tcp/$2/$3"; }
-cpu_ticks() { awk '{ print $14 + $15 }' "/proc/$1/stat"; }
+cpu_ticks() { awk '{ print $14 + $15 }' "/proc/$1/stat" 2>/dev/null || echo 0; }
 rss_kib() { awk '/^VmRSS/ { print $2 }' "/proc/$1/status"; }
 field() { sed -n "s/.*$1=\([^ ]*\).*/\1/p"; }
 
@@ -161,6 +161,10 @@ begin_path() {
 }
 
 end_path() {
+  if [ -n "$CARRIER" ] && ! kill -0 "$CARRIER" 2>/dev/null; then
+    note "bench: $1: the carrier exited during the run; its last lines:"
+    tail -5 "$WORK"/interceptor.log "$WORK"/redsocks.log 2>/dev/null >&2
+  fi
   [ -n "$CARRIER" ] && stop "$CARRIER"
   in_agent nft delete table ip tw_bench_redsocks 2>/dev/null || true
 }
@@ -179,7 +183,7 @@ measure_throughput() {  # measure_throughput PATH: four runs, CPU per GB over al
       bytes=$((bytes + $(field bytes <<<"$out")))
     done
   done
-  if [ -n "$CARRIER" ]; then
+  if [ -n "$CARRIER" ] && kill -0 "$CARRIER" 2>/dev/null; then
     R[$path,cpugb]=$(awk -v t=$(($(cpu_ticks "$CARRIER") - cpu0)) -v hz="$TICKS" -v b="$bytes" \
       'BEGIN { printf "%.2f", t / hz / (b / 1e9) }')
   fi
@@ -192,7 +196,7 @@ measure_latency() {
   R[$path,p50]=$(field p50_us <<<"$out")
   R[$path,p99]=$(field p99_us <<<"$out")
   R[$path,cps]=$(field conns_per_s <<<"$out")
-  if [ -n "$CARRIER" ]; then
+  if [ -n "$CARRIER" ] && kill -0 "$CARRIER" 2>/dev/null; then
     R[$path,cpuconn]=$(awk -v t=$(($(cpu_ticks "$CARRIER") - cpu0)) -v hz="$TICKS" \
       -v n="$LATENCY_COUNT" 'BEGIN { printf "%.0f", t / hz / n * 1e6 }')
   fi
@@ -232,7 +236,7 @@ for path in $PATHS; do
   measure_latency "$path"
   measure_memory "$path"
   measure_throughput "$path"
-  end_path
+  end_path "$path"
 done
 
 cell() {  # cell PATH METRIC [ratio]: the value, with its ratio to direct when asked
