@@ -65,6 +65,20 @@ TEST_F(EndToEndTest, OwnConnectionsNeverComeBack) {
   for (const auto& open : opens) EXPECT_NE(open["pid"], interceptor_->pid());
 }
 
+// Clients that vanish mid-transfer leave the carrier writing into reset sockets; the interceptor
+// must shrug that off and keep carrying the next connection.
+TEST_F(EndToEndTest, SurvivesClientsThatResetMidTransfer) {
+  ASSERT_NO_FATAL_FAILURE(startInterceptor({{"watchedSigningIDs", {watchedClient()}}}));
+  for (int i = 0; i < 5; ++i) {
+    const auto aborted = runClient({.mode = "abort", .bytes = 4u << 20, .watchedCopy = false});
+    ASSERT_EQ(aborted.status, 0) << aborted.output;
+  }
+  std::this_thread::sleep_for(300ms);
+  EXPECT_FALSE(interceptor_->waitFor(0ms)) << "the interceptor exited";
+  const auto run = runClient({.bytes = 100'000, .watchedCopy = false});
+  EXPECT_EQ(run.status, 0) << run.output;
+}
+
 class EndingTest : public EndToEndTest, public ::testing::WithParamInterface<int> {};
 
 // The rules go with the process however it ends, and traffic flows directly again.

@@ -6,6 +6,7 @@
 // MODE echo: send and read back concurrently, close once everything came back.
 // MODE half-close: send everything, end the write side, read the reply until the server closes.
 // MODE hold: like echo, then print "ready" and stay connected until the server closes.
+// MODE abort: send everything, then reset the connection without reading the echo.
 // --descend N: run PATH as a child (which runs PATH as its child, N levels deep); the deepest one
 // connects. --wait-stdin: read one line from standard input before connecting.
 // Prints "pid=PID" from the process that connects, then "ok BYTES", or a reason and exit 1.
@@ -16,6 +17,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -83,6 +85,23 @@ std::size_t exchange(int fd, std::size_t total, bool halfClose) {
   }
 }
 
+// Leaves the echo unread and closes with a reset, so whoever carries the connection is writing
+// into a socket that is gone.
+int abortAfterSending(int fd, std::size_t total) {
+  std::vector<unsigned char> out(65536);
+  for (std::size_t sent = 0; sent < total;) {
+    const std::size_t size = std::min(out.size(), total - sent);
+    const ssize_t n = send(fd, out.data(), size, MSG_NOSIGNAL);
+    if (n <= 0) break;
+    sent += static_cast<std::size_t>(n);
+  }
+  const linger reset{1, 0};
+  setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+  close(fd);
+  std::printf("ok aborted\n");
+  return 0;
+}
+
 int descend(int levels, const std::string& via, std::vector<std::string> rest) {
   const pid_t child = fork();
   if (child == 0) {
@@ -135,6 +154,7 @@ int main(int argc, char** argv) {
   const std::string& mode = args[0];
   const std::size_t total = std::strtoull(args[3].c_str(), nullptr, 10);
   const int fd = connectTo(args[1].c_str(), args[2].c_str());
+  if (mode == "abort") return abortAfterSending(fd, total);
   const std::size_t received = exchange(fd, total, mode == "half-close");
   if (received != total) fail("received " + std::to_string(received) + " of " + args[3]);
   if (mode == "hold") {
