@@ -162,8 +162,9 @@ begin_path() {
 
 end_path() {
   if [ -n "$CARRIER" ] && ! kill -0 "$CARRIER" 2>/dev/null; then
-    note "bench: $1: the carrier exited during the run; its last lines:"
-    tail -5 "$WORK"/interceptor.log "$WORK"/redsocks.log >&2 2>/dev/null || true
+    local status=0
+    wait "$CARRIER" || status=$?
+    note "bench: $1: the carrier exited during the run with status $status (141: SIGPIPE)"
   fi
   [ -n "$CARRIER" ] && stop "$CARRIER"
   in_agent nft delete table ip tw_bench_redsocks 2>/dev/null || true
