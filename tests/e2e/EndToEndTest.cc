@@ -51,6 +51,10 @@ void EndToEndTest::SetUp() {
   ASSERT_TRUE(echo_) << error;
   late_ = WorldServer::start(lab_->world(), ServerKind::ReplyAfterEof, error);
   ASSERT_TRUE(late_) << error;
+  flood_ = WorldServer::start(lab_->world(), ServerKind::Flood, error);
+  ASSERT_TRUE(flood_) << error;
+  reset_ = WorldServer::start(lab_->world(), ServerKind::ResetEarly, error);
+  ASSERT_TRUE(reset_) << error;
   std::filesystem::create_directory(file("twin"));
   twin_ = file("twin/tw-e2e-client");
   std::filesystem::copy_file(watchedClient(), twin_);
@@ -74,6 +78,8 @@ void EndToEndTest::TearDown() {
   frontDoor_.reset();
   echo_.reset();
   late_.reset();
+  flood_.reset();
+  reset_.reset();
   sink_.reset();
   lab_.reset();
 }

@@ -81,6 +81,8 @@ class EndToEndTest : public ::testing::Test {
   std::unique_ptr<EventSink> sink_;
   std::unique_ptr<WorldServer> echo_;
   std::unique_ptr<WorldServer> late_;
+  std::unique_ptr<WorldServer> flood_;
+  std::unique_ptr<WorldServer> reset_;
   std::unique_ptr<ChildProcess> frontDoor_;
   std::unique_ptr<ChildProcess> interceptor_;
   nlohmann::json watchOptions_;

@@ -65,13 +65,16 @@ TEST_F(EndToEndTest, OwnConnectionsNeverComeBack) {
   for (const auto& open : opens) EXPECT_NE(open["pid"], interceptor_->pid());
 }
 
-// Clients that vanish mid-transfer leave the carrier writing into reset sockets; the interceptor
-// must shrug that off and keep carrying the next connection.
-TEST_F(EndToEndTest, SurvivesClientsThatResetMidTransfer) {
+// Clients and servers that vanish mid-transfer leave the carrier writing into reset sockets; the
+// interceptor must shrug that off and keep carrying the next connection.
+TEST_F(EndToEndTest, SurvivesPeersThatResetMidTransfer) {
   ASSERT_NO_FATAL_FAILURE(startInterceptor({{"watchedSigningIDs", {watchedClient()}}}));
   for (int i = 0; i < 5; ++i) {
-    const auto aborted = runClient({.mode = "abort", .bytes = 4u << 20, .watchedCopy = false});
+    const auto aborted =
+        runClient({.mode = "abort", .port = flood_->port(), .bytes = 1, .watchedCopy = false});
     ASSERT_EQ(aborted.status, 0) << aborted.output;
+    // The server goes away while this client is still sending; the client's own error is expected.
+    runClient({.port = reset_->port(), .bytes = 8u << 20, .watchedCopy = false});
   }
   std::this_thread::sleep_for(300ms);
   EXPECT_FALSE(interceptor_->waitFor(0ms)) << "the interceptor exited";

@@ -109,7 +109,20 @@ void WorldServer::acceptLoop() {
 
 void WorldServer::serve(int fd) {
   std::string held;
-  char chunk[65536];
+  char chunk[65536] = {};
+  if (kind_ == ServerKind::Flood) {
+    while (writeAll(fd, chunk, sizeof chunk)) {
+    }
+  }
+  if (kind_ == ServerKind::ResetEarly) {
+    for (std::size_t got = 0; got < sizeof chunk;) {
+      const ssize_t n = recv(fd, chunk, sizeof chunk - got, 0);
+      if (n <= 0) break;
+      got += static_cast<std::size_t>(n);
+    }
+    const linger reset{1, 0};
+    setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+  }
   for (;;) {
     const ssize_t n = recv(fd, chunk, sizeof chunk, 0);
     if (n <= 0) break;

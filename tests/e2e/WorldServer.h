@@ -15,6 +15,8 @@ namespace tarnwick::e2e {
 enum class ServerKind {
   Echo,           // sends every byte back as it arrives; ends its side once the client has
   ReplyAfterEof,  // reads until the client ends its side, then sends it all back and closes
+  Flood,          // sends without pause until the connection fails
+  ResetEarly,     // reads 64 KiB, then resets the connection while the client is still sending
 };
 
 class WorldServer {

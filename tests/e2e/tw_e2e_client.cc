@@ -6,7 +6,7 @@
 // MODE echo: send and read back concurrently, close once everything came back.
 // MODE half-close: send everything, end the write side, read the reply until the server closes.
 // MODE hold: like echo, then print "ready" and stay connected until the server closes.
-// MODE abort: send everything, then reset the connection without reading the echo.
+// MODE abort: send everything, read up to 64 KiB of the answer, then reset the connection.
 // --descend N: run PATH as a child (which runs PATH as its child, N levels deep); the deepest one
 // connects. --wait-stdin: read one line from standard input before connecting.
 // Prints "pid=PID" from the process that connects, then "ok BYTES", or a reason and exit 1.
@@ -85,8 +85,8 @@ std::size_t exchange(int fd, std::size_t total, bool halfClose) {
   }
 }
 
-// Leaves the echo unread and closes with a reset, so whoever carries the connection is writing
-// into a socket that is gone.
+// Closes with a reset while the server is still sending, so whoever carries the connection goes
+// on writing into a socket that is gone.
 int abortAfterSending(int fd, std::size_t total) {
   std::vector<unsigned char> out(65536);
   for (std::size_t sent = 0; sent < total;) {
@@ -94,6 +94,12 @@ int abortAfterSending(int fd, std::size_t total) {
     const ssize_t n = send(fd, out.data(), size, MSG_NOSIGNAL);
     if (n <= 0) break;
     sent += static_cast<std::size_t>(n);
+  }
+  std::size_t received = 0;
+  while (received < out.size()) {
+    const ssize_t n = recv(fd, out.data(), out.size() - received, 0);
+    if (n <= 0) break;
+    received += static_cast<std::size_t>(n);
   }
   const linger reset{1, 0};
   setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
