@@ -104,6 +104,9 @@ int run(const std::vector<std::string>& args) {
   auto options = host::readStartOptionsFile(arguments.optionsPath);
   if (!options.options) return usageError(options.error);
   raiseDescriptorLimit();
+  // splice() into a socket whose peer has reset raises SIGPIPE, which has no flag to turn it off
+  // per call; a vanished peer must end one carried connection, never the interceptor.
+  ::signal(SIGPIPE, SIG_IGN);
   // Blocked before any thread starts, so every thread inherits the mask and sigwait gets them.
   sigset_t stopSignals;
   sigemptyset(&stopSignals);
