@@ -27,11 +27,6 @@ std::optional<std::string> socketPathIn(const Json& options) {
 
 }  // namespace
 
-DaemonBridge::Options DaemonBridge::defaultOptions() {
-  return Options{kReconnectDelay, kSendTimeout,
-                 [](const Json& document) { EnforcementPolicy::shared().update(document); }};
-}
-
 std::shared_ptr<DaemonBridge> DaemonBridge::shared() {
   // Never destroyed: flows and timers may still reach it while the process exits.
   static const auto* const instance =
@@ -41,7 +36,7 @@ std::shared_ptr<DaemonBridge> DaemonBridge::shared() {
 
 std::shared_ptr<DaemonBridge> DaemonBridge::create(std::shared_ptr<Runtime> runtime,
                                                    std::string socketPath) {
-  return create(std::move(runtime), std::move(socketPath), defaultOptions());
+  return create(std::move(runtime), std::move(socketPath), Options{});
 }
 
 std::shared_ptr<DaemonBridge> DaemonBridge::create(std::shared_ptr<Runtime> runtime,
@@ -57,7 +52,13 @@ DaemonBridge::DaemonBridge(std::shared_ptr<Runtime> runtime, std::string socketP
       socket_path_(std::move(socketPath)),
       queue_(runtime_->makeQueue(kQueueLabel, QualityOfService::Default)),
       read_queue_(
-          runtime_->makeQueue(kReadQueueLabel, QualityOfService::Default, QueueKind::Blocking)) {}
+          runtime_->makeQueue(kReadQueueLabel, QualityOfService::Default, QueueKind::Blocking)) {
+  if (!options_.policySink) {
+    options_.policySink = [](const Json& document) {
+      EnforcementPolicy::shared().update(document);
+    };
+  }
+}
 
 DaemonBridge::~DaemonBridge() {
   // The read loop's queue is joined when it is destroyed below; ending the connection first is
@@ -104,7 +105,10 @@ void DaemonBridge::reconnect(std::string to) {
 }
 
 void DaemonBridge::send(Json event) {
-  onQueue([event = std::move(event)](DaemonBridge& self) { self.sendLocked(event); });
+  // The hottest path: one closure, without onQueue's second wrapper.
+  queue_->async([weak = weak_from_this(), event = std::move(event)] {
+    if (auto self = weak.lock()) self->sendLocked(event);
+  });
 }
 
 void DaemonBridge::recordCommittedSeverIfUnhealthy() {

@@ -30,17 +30,17 @@ class DaemonBridge : public DaemonChannel, public std::enable_shared_from_this<D
   // Takes each pushed policy document; called on the bridge queue.
   using PolicySink = std::function<void(const Json& document)>;
 
-  struct Options {
-    Duration reconnectDelay;
-    // Bounds how long one event's write can hold the bridge queue when the daemon stops reading.
-    Duration sendTimeout;
-    PolicySink policySink;
-  };
   static constexpr Duration kReconnectDelay = std::chrono::seconds(2);
+  // Bounds how long one event's write can hold the bridge queue when the daemon stops reading.
   static constexpr Duration kSendTimeout = std::chrono::milliseconds(250);
   static constexpr std::size_t kReadChunkBytes = 4096;
-  // The delays above and the process-wide enforcement policy.
-  static Options defaultOptions();
+
+  struct Options {
+    Duration reconnectDelay = kReconnectDelay;
+    Duration sendTimeout = kSendTimeout;
+    // Absent: the process-wide enforcement policy.
+    PolicySink policySink;
+  };
 
   struct ResolvedSocket {
     std::string path;
@@ -96,7 +96,7 @@ class DaemonBridge : public DaemonChannel, public std::enable_shared_from_this<D
   std::int64_t currentTimestampNs() const;
 
   const std::shared_ptr<Runtime> runtime_;
-  const Options options_;
+  Options options_;
   std::string socket_path_;
   std::unique_ptr<OutputStream> output_stream_;
   const std::shared_ptr<DispatchQueue> queue_;

@@ -11,9 +11,9 @@
 #include "cli/Command.h"
 #include "cli/OptionReader.h"
 #include "host/HostLog.h"
-#include "host/PassThroughProvider.h"
 #include "host/ProxyHost.h"
 #include "host/StartOptionsFile.h"
+#include "provider/TransparentProxyProvider.h"
 
 namespace tarnwick::cli {
 namespace {
@@ -85,7 +85,7 @@ void raiseDescriptorLimit() {
 
 // The provider the host runs.
 std::shared_ptr<NETransparentProxyProvider> makeProvider() {
-  return std::make_shared<host::PassThroughProvider>();
+  return TransparentProxyProvider::init();
 }
 
 int run(const std::vector<std::string>& args) {

@@ -7,6 +7,7 @@
 // Every function is total and may run on any thread: a token that is absent or not exactly 32
 // bytes long gives PID 0, PID version -1 and no signing identifier.
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>

@@ -41,7 +41,7 @@ class BridgeTest : public ::testing::Test {
   BridgeTest() : path_(dir_.file("ne.sock")) {}
 
   std::shared_ptr<DaemonBridge> makeBridge(std::string path) {
-    DaemonBridge::Options options = DaemonBridge::defaultOptions();
+    DaemonBridge::Options options;
     options.policySink = policy_.sink();
     return DaemonBridge::create(env_, std::move(path), std::move(options));
   }

@@ -72,22 +72,17 @@ TEST_P(InboundLineTest, OnlyPolicyPushObjectsAreActedUpon) {
 
 INSTANTIATE_TEST_SUITE_P(
     Lines, InboundLineTest,
-    ::testing::Values(InboundCase{"KindOnly", R"({"kind":"policy.push"})", true},
-                      InboundCase{"FullDocument",
-                                  R"({"kind":"policy.push","version":1,"deny":["*.x"]})", true},
-                      InboundCase{"CarriageReturnIsWhiteSpace", "{\"kind\":\"policy.push\"}\r",
-                                  true},
-                      InboundCase{"Empty", "", false},
-                      InboundCase{"OtherKind", R"({"kind":"policy.pull"})", false},
-                      InboundCase{"KindNotText", R"({"kind":1})", false},
-                      InboundCase{"NoKind", R"({"version":1})", false},
-                      InboundCase{"Array", R"([{"kind":"policy.push"}])", false},
-                      InboundCase{"BareNumber", "42", false},
-                      InboundCase{"BareText", R"("policy.push")", false},
-                      InboundCase{"InvalidJson", R"({"kind":"policy.push")", false},
-                      InboundCase{"TrailingBytes", R"({"kind":"policy.push"} x)", false},
-                      InboundCase{"InvalidUtf8", "{\"kind\":\"policy.push\",\"a\":\"\xff\"}",
-                                  false}),
+    ::testing::Values(
+        InboundCase{"KindOnly", R"({"kind":"policy.push"})", true},
+        InboundCase{"CarriageReturnIsWhiteSpace", "{\"kind\":\"policy.push\"}\r", true},
+        InboundCase{"Empty", "", false},
+        InboundCase{"OtherKind", R"({"kind":"policy.pull"})", false},
+        InboundCase{"KindNotText", R"({"kind":1})", false},
+        InboundCase{"Array", R"([{"kind":"policy.push"}])", false},
+        InboundCase{"BareNumber", "42", false},
+        InboundCase{"InvalidJson", R"({"kind":"policy.push")", false},
+        InboundCase{"TrailingBytes", R"({"kind":"policy.push"} x)", false},
+        InboundCase{"InvalidUtf8", "{\"kind\":\"policy.push\",\"a\":\"\xff\"}", false}),
     [](const auto& testCase) { return std::string(testCase.param.name); });
 
 struct BridgeInboundCase {
@@ -125,13 +120,15 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         BridgeInboundCase{"TwoLinesInOneWrite", {kPush + "\n" + kPush + "\n"}, 2},
         BridgeInboundCase{"LineOverSeveralWrites",
-                          {kPush.substr(0, 5), kPush.substr(5, 10), kPush.substr(15) + "\n"}, 1},
+                          {kPush.substr(0, 5), kPush.substr(5, 10), kPush.substr(15) + "\n"},
+                          1},
         BridgeInboundCase{"EmptyLines", {"\n\n\r\n"}, 0},
         BridgeInboundCase{"NotObjectsOrUnknownKinds",
                           {"[1,2]\n42\nnot json\n{\"kind\":\"relay.open\"}\n{\"kind\":null}\n"},
                           0},
         BridgeInboundCase{"OverlongLineIsDroppedAndTheNextIsWhole",
-                          {std::string(300000, 'x'), "x\n" + kPush + "\n"}, 1}),
+                          {std::string(300000, 'x'), "x\n" + kPush + "\n"},
+                          1}),
     [](const auto& testCase) { return std::string(testCase.param.name); });
 
 using BridgeInboundLifetimeTest = BridgeTest;

@@ -23,7 +23,8 @@ TEST_P(EventLineTest, FramesCompactJsonAndOneLineFeed) {
 INSTANTIATE_TEST_SUITE_P(
     Events, EventLineTest,
     ::testing::Values(
-        FrameCase{"Alive", {{"kind", "proxyext.alive"}, {"ts", 17}},
+        FrameCase{"Alive",
+                  {{"kind", "proxyext.alive"}, {"ts", 17}},
                   std::string(R"({"kind":"proxyext.alive","ts":17})"
                               "\n")},
         FrameCase{"RelayOpen",

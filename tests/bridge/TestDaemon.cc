@@ -33,8 +33,7 @@ TempSocketDir::~TempSocketDir() {
   std::filesystem::remove_all(path_, ignored);
 }
 
-TestDaemon::TestDaemon(std::string path)
-    : path_(path.substr(0, sizeof(sockaddr_un::sun_path))) {
+TestDaemon::TestDaemon(std::string path) : path_(path.substr(0, sizeof(sockaddr_un::sun_path))) {
   listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;

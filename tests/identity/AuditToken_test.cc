@@ -70,7 +70,6 @@ INSTANTIATE_TEST_SUITE_P(
     Words, TokenWordsTest,
     ::testing::Values(WordCase{"Zeros", 0, 0, 0, 0}, WordCase{"Ordinary", 4123, 99, 4123, 99},
                       WordCase{"AllOnes", 0xFFFFFFFF, 0xFFFFFFFF, -1, -1},
-                      WordCase{"HighestPositive", 0x7FFFFFFF, 0x7FFFFFFF, INT32_MAX, INT32_MAX},
                       WordCase{"LowestNegative", 0x80000000, 0x80000000, INT32_MIN, INT32_MIN}),
     CaseName());
 
@@ -151,14 +150,11 @@ INSTANTIATE_TEST_SUITE_P(
         StatCase{"PlainName", "1 (init) S 0 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 0 0", 0, 5},
         StatCase{"NameOfClosingParentheses", "9 ())) R 3 9 9 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 7", 3,
                  7},
-        StatCase{"NameWithNewline", "9 (a\nb) R 3 9 9 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 7", 3, 7},
         StatCase{"NoParentheses", "9 init S 3 9 9 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 7", {}, {}},
         StatCase{
             "ClosingBeforeOpening", "9 )init( S 3 9 9 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 7", {}, {}},
         StatCase{"FieldMissing", "9 (x) S 3 9 9 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0", {}, {}},
-        StatCase{"ParentNotANumber", "9 (x) S x 9 9 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 7", {}, {}},
-        StatCase{"StartTimeNegative", "9 (x) S 3 9 9 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 -7", {}, {}},
-        StatCase{"Empty", "", {}, {}}),
+        StatCase{"ParentNotANumber", "9 (x) S x 9 9 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 7", {}, {}}),
     CaseName());
 
 // A line cut anywhere before the first digit of the start time gives nothing; after it, the

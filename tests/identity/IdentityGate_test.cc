@@ -48,12 +48,6 @@ INSTANTIATE_TEST_SUITE_P(
         BindingCase{"VersionZeroIsAVersion", {{0, "a", true}, {0, "a", true}, {1, "a", false}}}),
     CaseName());
 
-TEST(IdentityGate, RefusalOfUnknownVersionBindsNothing) {
-  IdentityGate gate;
-  EXPECT_FALSE(gate.allowPIDMatch(500, -1, "a"));
-  EXPECT_EQ(gate.recordedCount(), 0);
-}
-
 TEST(IdentityGate, PruneKeepsOnlyWatchedBindings) {
   IdentityGate gate;
   gate.allowPIDMatch(500, 7, "a");

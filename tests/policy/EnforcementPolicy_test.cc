@@ -47,21 +47,17 @@ TEST_P(HostMatchesTest, Matches) {
 
 INSTANTIATE_TEST_SUITE_P(
     Patterns, HostMatchesTest,
-    ::testing::Values(
-        MatchCase{"ExactHost", "api.example.com", "api.example.com", true},
-        MatchCase{"ExactIgnoresCase", "API.Example.com", "api.EXAMPLE.com", true},
-        MatchCase{"PlainDoesNotCoverSubdomain", "example.com", "a.example.com", false},
-        MatchCase{"EmptyPatternMatchesNothing", "", "", false},
-        MatchCase{"WildcardOneLabel", "*.example.com", "a.example.com", true},
-        MatchCase{"WildcardIgnoresCase", "*.EXAMPLE.com", "A.example.COM", true},
-        MatchCase{"WildcardNotTheDomain", "*.example.com", "example.com", false},
-        MatchCase{"WildcardNotTwoLabels", "*.example.com", "a.b.example.com", false},
-        MatchCase{"WildcardNeedsALabel", "*.example.com", ".example.com", false},
-        MatchCase{"WildcardNeedsTheDot", "*.example.com", "aexample.com", false},
-        MatchCase{"WildcardIsLiteralOnItsOwn", "*.example.com", "*.example.com", true},
-        MatchCase{"StarWithoutDotIsPlain", "*example.com", "aexample.com", false},
-        MatchCase{"LoneWildcardCoversOneLabelHosts", "*.", "localhost.", true},
-        MatchCase{"ShorterHost", "*.example.com", "com", false}),
+    ::testing::Values(MatchCase{"ExactHost", "api.example.com", "api.example.com", true},
+                      MatchCase{"ExactIgnoresCase", "API.Example.com", "api.EXAMPLE.com", true},
+                      MatchCase{"PlainDoesNotCoverSubdomain", "example.com", "a.example.com",
+                                false},
+                      MatchCase{"EmptyPatternMatchesNothing", "", "", false},
+                      MatchCase{"WildcardOneLabel", "*.example.com", "a.example.com", true},
+                      MatchCase{"WildcardIgnoresCase", "*.EXAMPLE.com", "A.example.COM", true},
+                      MatchCase{"WildcardNotTheDomain", "*.example.com", "example.com", false},
+                      MatchCase{"WildcardNotTwoLabels", "*.example.com", "a.b.example.com", false},
+                      MatchCase{"WildcardNeedsALabel", "*.example.com", ".example.com", false},
+                      MatchCase{"StarWithoutDotIsPlain", "*example.com", "aexample.com", false}),
     CaseName());
 
 struct ProtectedCase {
@@ -85,9 +81,7 @@ INSTANTIATE_TEST_SUITE_P(
                       ProtectedCase{"SpacesAndCase", "  API.Anthropic.COM\t", true},
                       ProtectedCase{"NoDotBefore", "notanthropic.com", false},
                       ProtectedCase{"SuffixInTheMiddle", "anthropic.com.evil.net", false},
-                      ProtectedCase{"OtherDomain", "example.com", false},
-                      ProtectedCase{"DoubleWildcard", "*.*.claude.ai", true},
-                      ProtectedCase{"Empty", "", false}, ProtectedCase{"OnlyBlanks", "   ", false}),
+                      ProtectedCase{"Empty", "", false}),
     CaseName());
 
 struct DecideCase {
@@ -156,8 +150,6 @@ INSTANTIATE_TEST_SUITE_P(
                    Verdict::Drop},
         DecideCase{"DenyListPassesSubdomain", kEnforceDenyList, 77, "agent", "x.bad.example.com",
                    Verdict::Allow},
-        DecideCase{"DenyListPassesOthers", kEnforceDenyList, 77, "agent", "good.example.com",
-                   Verdict::Allow},
         DecideCase{"GlobalDenyEnforcedWhateverRestrict", kGlobalDeny, 1, "enforcer", "evil.net",
                    Verdict::Drop},
         DecideCase{"GlobalDenyMonitored", kGlobalDeny, 1, "watcher", "evil.net",
@@ -171,8 +163,6 @@ INSTANTIATE_TEST_SUITE_P(
         DecideCase{"EmptyServerNameAllows", kEverythingDenied, 1, "agent", "", Verdict::Allow},
         DecideCase{"ProtectedDomainAllowed", kEverythingDenied, 1, "agent", "anthropic.com",
                    Verdict::Allow},
-        DecideCase{"ProtectedSubdomainAllowed", kEverythingDenied, 1, "agent", " API.CLAUDE.AI ",
-                   Verdict::Allow},
         DecideCase{"LookalikeNotProtected", kEverythingDenied, 1, "agent", "xclaude.ai",
                    Verdict::Drop},
         DecideCase{"PidRuleShadowsAgentRule", kPidShadowsAgent, 77, "agent", "x.com",
@@ -180,62 +170,34 @@ INSTANTIATE_TEST_SUITE_P(
         DecideCase{"AgentRuleWithoutPidRule", kPidShadowsAgent, 78, "agent", "x.com",
                    Verdict::Drop},
         DecideCase{"NegativePidKeyAccepted", kPidShadowsAgent, -5, std::nullopt, "x.com",
-                   Verdict::Drop}),
-    CaseName());
-
-struct ShapeCase {
-  const char* name;
-  const char* policy;
-  std::int32_t pid;
-  Verdict expected;  // for signing identifier "agent" and host "blocked.net"
-};
-
-class DocumentShapeTest : public ::testing::TestWithParam<ShapeCase> {};
-
-TEST_P(DocumentShapeTest, BadlyShapedSectionsFallBack) {
-  const auto& c = GetParam();
-  EnforcementPolicy policy;
-  policy.update(document(c.policy));
-  EXPECT_EQ(policy.decide(c.pid, "agent", "blocked.net"), c.expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Shapes, DocumentShapeTest,
-    ::testing::Values(
-        ShapeCase{"WellFormedAgentRule",
-                  R"({"agents":{"agent":{"mode":"enforce","restrict":"deny",
-                      "deny":["blocked.net"]}}})",
-                  1, Verdict::Drop},
-        ShapeCase{"OneNonObjectAgentEmptiesAgents",
-                  R"({"agents":{"agent":{"mode":"enforce","restrict":"deny",
+                   Verdict::Drop},
+        DecideCase{"OneNonObjectAgentEmptiesAgents",
+                   R"({"agents":{"agent":{"mode":"enforce","restrict":"deny",
                       "deny":["blocked.net"]},"other":5}})",
-                  1, Verdict::Allow},
-        ShapeCase{"OneNonTextPatternEmptiesTheList",
-                  R"({"agents":{"agent":{"mode":"enforce","restrict":"deny",
+                   1, "agent", "blocked.net", Verdict::Allow},
+        DecideCase{"OneNonTextPatternEmptiesTheList",
+                   R"({"agents":{"agent":{"mode":"enforce","restrict":"deny",
                       "deny":["blocked.net",1]}}})",
-                  1, Verdict::Allow},
-        ShapeCase{"NonTextModeIsObserve",
-                  R"({"deny":["blocked.net"],"agents":{"agent":{"mode":1}}})", 1, Verdict::Allow},
-        ShapeCase{"NonTextGlobalDenyEmptiesIt",
-                  R"({"deny":["blocked.net",null],"agents":{"agent":{"mode":"enforce"}}})", 1,
-                  Verdict::Allow},
-        ShapeCase{"GlobalDenyAsTextIgnored",
-                  R"({"deny":"blocked.net","agents":{"agent":{"mode":"enforce"}}})", 1,
-                  Verdict::Allow},
-        ShapeCase{"PidKeyWithLetterSkipped",
-                  R"({"pids":{"12a":{"mode":"enforce","restrict":"allow"},
+                   1, "agent", "blocked.net", Verdict::Allow},
+        DecideCase{"NonTextModeIsObserve",
+                   R"({"deny":["blocked.net"],"agents":{"agent":{"mode":1}}})", 1, "agent",
+                   "blocked.net", Verdict::Allow},
+        DecideCase{"NonTextGlobalDenyEmptiesIt",
+                   R"({"deny":["blocked.net",null],"agents":{"agent":{"mode":"enforce"}}})", 1,
+                   "agent", "blocked.net", Verdict::Allow},
+        DecideCase{"PidKeyWithLetterSkipped",
+                   R"({"pids":{"12a":{"mode":"enforce","restrict":"allow"},
                       "12":{"mode":"monitor","restrict":"allow"}}})",
-                  12, Verdict::WouldBlock},
-        ShapeCase{"PidKeyBeyond32BitsSkipped",
-                  R"({"pids":{"4294967308":{"mode":"enforce","restrict":"allow"}}})", 12,
-                  Verdict::Allow},
-        ShapeCase{"PidKeyWithBlankSkipped",
-                  R"({"pids":{" 12":{"mode":"enforce","restrict":"allow"}}})", 12, Verdict::Allow},
-        ShapeCase{"PidKeyWithPlusAccepted",
-                  R"({"pids":{"+12":{"mode":"enforce","restrict":"allow"}}})", 12, Verdict::Drop},
-        ShapeCase{"PidsNotAllObjectsEmptiesPids",
-                  R"({"pids":{"12":{"mode":"enforce","restrict":"allow"},"13":[]}})", 12,
-                  Verdict::Allow}),
+                   12, "agent", "blocked.net", Verdict::WouldBlock},
+        DecideCase{"PidKeyBeyond32BitsSkipped",
+                   R"({"pids":{"4294967308":{"mode":"enforce","restrict":"allow"}}})", 12, "agent",
+                   "blocked.net", Verdict::Allow},
+        DecideCase{"PidKeyWithPlusAccepted",
+                   R"({"pids":{"+12":{"mode":"enforce","restrict":"allow"}}})", 12, "agent",
+                   "blocked.net", Verdict::Drop},
+        DecideCase{"PidsNotAllObjectsEmptiesPids",
+                   R"({"pids":{"12":{"mode":"enforce","restrict":"allow"},"13":[]}})", 12, "agent",
+                   "blocked.net", Verdict::Allow}),
     CaseName());
 
 const char* const kDropAllForAgent =
@@ -260,20 +222,16 @@ TEST_P(UpdateTest, ReplacesOrKeepsThePolicy) {
 
 INSTANTIATE_TEST_SUITE_P(
     Versions, UpdateTest,
-    ::testing::Values(
-        UpdateCase{"VersionTwoIgnored", R"({"version":2})", Verdict::Drop},
-        UpdateCase{"NegativeVersionIgnored", R"({"version":-1})", Verdict::Drop},
-        UpdateCase{"HugeVersionIgnored", R"({"version":18446744073709551615})", Verdict::Drop},
-        UpdateCase{"VersionOneApplied", R"({"version":1})", Verdict::Allow},
-        UpdateCase{"MissingVersionApplied", R"({"kind":"policy.push"})", Verdict::Allow},
-        UpdateCase{"FractionVersionApplied", R"({"version":2.5})", Verdict::Allow},
-        UpdateCase{"TextVersionApplied", R"({"version":"2"})", Verdict::Allow},
-        UpdateCase{"BooleanVersionApplied", R"({"version":true})", Verdict::Allow},
-        UpdateCase{"ArrayDocumentIgnored", "[1]", Verdict::Drop},
-        UpdateCase{"TextDocumentIgnored", "not json", Verdict::Drop},
-        UpdateCase{"NewRulesReplaceOld",
-                   R"({"agents":{"other":{"mode":"enforce","restrict":"allow"}}})",
-                   Verdict::Allow}),
+    ::testing::Values(UpdateCase{"VersionTwoIgnored", R"({"version":2})", Verdict::Drop},
+                      UpdateCase{"VersionOneApplied", R"({"version":1})", Verdict::Allow},
+                      UpdateCase{"MissingVersionApplied", R"({"kind":"policy.push"})",
+                                 Verdict::Allow},
+                      UpdateCase{"FractionVersionApplied", R"({"version":2.5})", Verdict::Allow},
+                      UpdateCase{"TextVersionApplied", R"({"version":"2"})", Verdict::Allow},
+                      UpdateCase{"ArrayDocumentIgnored", "[1]", Verdict::Drop},
+                      UpdateCase{"NewRulesReplaceOld",
+                                 R"({"agents":{"other":{"mode":"enforce","restrict":"allow"}}})",
+                                 Verdict::Allow}),
     CaseName());
 
 TEST(EnforcementPolicyShared, IsOneProcessWideInstance) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "platform/testing/CaptureLogSink.h"
+#include "platform/testing/CaseName.h"
 #include "platform/testing/ScriptedConnection.h"
 #include "platform/testing/ScriptedFlow.h"
 #include "platform/testing/SimulatedRuntime.h"
@@ -20,14 +21,6 @@
 #include "relay/RelaySession.h"
 
 namespace tarnwick {
-
-// Names TEST_P cases after their `name` field.
-struct CaseName {
-  template <typename Param>
-  std::string operator()(const ::testing::TestParamInfo<Param>& param) const {
-    return param.param.name;
-  }
-};
 
 class FakeRelayContext : public RelayContext {
  public:

@@ -19,18 +19,13 @@
 #include "FrontDoor.h"
 #include "platform/posix/SocketAddress.h"
 #include "platform/posix/UniqueFd.h"
+#include "platform/testing/CaseName.h"
 
 namespace tarnwick::frontdoor {
 
 using namespace std::chrono_literals;
 
-// Names TEST_P cases after their `name` field.
-struct CaseName {
-  template <typename Param>
-  std::string operator()(const ::testing::TestParamInfo<Param>& param) const {
-    return param.param.name;
-  }
-};
+using tarnwick::CaseName;
 
 // Upper bound for anything that should happen promptly; reached only when a test fails.
 inline constexpr std::chrono::milliseconds kPatience = 5s;

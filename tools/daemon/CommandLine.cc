@@ -36,7 +36,8 @@ std::variant<CommandLine, UsageError> parseCommandLine(std::span<const std::stri
       value = name.substr(equals + 1);
       name = name.substr(0, equals);
     } else if (name == "--socket" || name == "--push") {
-      if (i + 1 == args.size()) return UsageError{"option '" + std::string(name) + "' needs a value"};
+      if (i + 1 == args.size())
+        return UsageError{"option '" + std::string(name) + "' needs a value"};
       value = args[++i];
     } else {
       return UsageError{"unknown option '" + std::string(name) + "'"};

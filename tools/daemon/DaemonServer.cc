@@ -67,7 +67,8 @@ bool DaemonServer::listen(std::string& error) {
 
 void DaemonServer::stop() {
   const std::uint64_t one = 1;
-  if (stop_event_ >= 0) [[maybe_unused]] auto written = ::write(stop_event_, &one, sizeof(one));
+  // Only a counter at its maximum refuses the write, and then a stop is already pending.
+  if (stop_event_ >= 0 && ::write(stop_event_, &one, sizeof(one)) < 0) return;
 }
 
 bool DaemonServer::waitFor(int fd) {

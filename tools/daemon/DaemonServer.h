@@ -26,8 +26,7 @@ class DaemonServer {
 
   // Creates the socket's directory, replaces a stale socket file and listens. Gives nothing and
   // sets error when it cannot.
-  static std::unique_ptr<DaemonServer> create(std::string path,
-                                              std::optional<std::string> pushLine,
+  static std::unique_ptr<DaemonServer> create(std::string path, std::optional<std::string> pushLine,
                                               Callbacks callbacks, std::string& error);
   // Closes everything and removes the socket file.
   ~DaemonServer();
