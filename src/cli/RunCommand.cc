@@ -11,9 +11,9 @@
 #include "cli/Command.h"
 #include "cli/OptionReader.h"
 #include "host/HostLog.h"
-#include "provider/TransparentProxyProvider.h"
 #include "host/ProxyHost.h"
 #include "host/StartOptionsFile.h"
+#include "provider/TransparentProxyProvider.h"
 
 namespace tarnwick::cli {
 namespace {

@@ -1,7 +1,7 @@
 #pragma once
 // A provider that takes no flow: it asks for all outbound TCP except loopback and private
-// networks, hands every flow back and refuses watch sets. The run command hosts it until the
-// relaying provider is wired in; the host's tests build their provider on it.
+// networks, hands every flow back and refuses watch sets. The host's tests build their provider
+// on it, and it measures the hand-back path without any decision in the way.
 
 #include "platform/NetworkExtension.h"
 

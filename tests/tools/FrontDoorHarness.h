@@ -17,9 +17,9 @@
 #include <vector>
 
 #include "FrontDoor.h"
-#include "platform/testing/CaseName.h"
 #include "platform/posix/SocketAddress.h"
 #include "platform/posix/UniqueFd.h"
+#include "platform/testing/CaseName.h"
 
 namespace tarnwick::frontdoor {
 
