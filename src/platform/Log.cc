@@ -41,11 +41,12 @@ std::shared_ptr<LogSink> activeSink() {
   return currentSink();
 }
 
-// Renders one conversion. `spec` is what follows '%' up to and including the conversion letter.
-void renderConversion(std::string& out, std::string_view spec, const LogArg* arg) {
-  const char conversion = spec.back();
-  const bool isPublic = spec.find("{public}") != std::string_view::npos;
-  const bool isBool = spec.find("{bool}") != std::string_view::npos;
+// Renders one conversion. `conversionSpec` is what follows '%' up to and including the
+// conversion letter.
+void renderConversion(std::string& out, std::string_view conversionSpec, const LogArg* arg) {
+  const char conversion = conversionSpec.back();
+  const bool isPublic = conversionSpec.find("{public}") != std::string_view::npos;
+  const bool isBool = conversionSpec.find("{bool}") != std::string_view::npos;
   if (arg == nullptr) {
     out += "<missing>";
     return;
@@ -70,7 +71,7 @@ void renderConversion(std::string& out, std::string_view spec, const LogArg* arg
   if (const auto* d = std::get_if<double>(&value)) number = static_cast<std::int64_t>(*d);
   if (isBool) {
     out += number != 0 ? "true" : "false";
-  } else if (spec.find('h') != std::string_view::npos && conversion == 'u') {
+  } else if (conversionSpec.find('h') != std::string_view::npos && conversion == 'u') {
     out += std::to_string(static_cast<std::uint16_t>(number));
   } else if (conversion == 'u') {
     out += std::to_string(static_cast<std::uint64_t>(number));

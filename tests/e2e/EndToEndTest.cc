@@ -136,15 +136,16 @@ bool EndToEndTest::relaying() {
   return watch(args).status == 0;
 }
 
-std::unique_ptr<ChildProcess> EndToEndTest::spawnClient(const ClientSpec& spec, bool waitStdin) {
-  const std::string program = spec.watchedCopy ? watchedClient() : unwatchedClient();
+std::unique_ptr<ChildProcess> EndToEndTest::spawnClient(const ClientSpec& wanted, bool waitStdin) {
+  const std::string program = wanted.watchedCopy ? watchedClient() : unwatchedClient();
   std::vector<std::string> argv = {program};
-  if (spec.descend > 0) {
-    argv.insert(argv.end(), {"--descend", std::to_string(spec.descend), "--via", twin_});
+  if (wanted.descend > 0) {
+    argv.insert(argv.end(), {"--descend", std::to_string(wanted.descend), "--via", twin_});
   }
   if (waitStdin) argv.push_back("--wait-stdin");
-  const std::uint16_t port = spec.port != 0 ? spec.port : echo_->port();
-  argv.insert(argv.end(), {spec.mode, spec.host, std::to_string(port), std::to_string(spec.bytes)});
+  const std::uint16_t port = wanted.port != 0 ? wanted.port : echo_->port();
+  argv.insert(argv.end(),
+              {wanted.mode, wanted.host, std::to_string(port), std::to_string(wanted.bytes)});
   std::string error;
   auto client = ChildProcess::spawn(
       {argv, lab_->agent(), file("client-" + std::to_string(spawned_++) + ".log"), waitStdin},
@@ -161,8 +162,8 @@ ClientRun EndToEndTest::finishClient(ChildProcess& client) {
   return run;
 }
 
-ClientRun EndToEndTest::runClient(const ClientSpec& spec) {
-  auto client = spawnClient(spec);
+ClientRun EndToEndTest::runClient(const ClientSpec& wanted) {
+  auto client = spawnClient(wanted);
   return client ? finishClient(*client) : ClientRun{};
 }
 

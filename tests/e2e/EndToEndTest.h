@@ -67,9 +67,9 @@ class EndToEndTest : public ::testing::Test {
   // Whether the running interceptor takes watch sets: it is sent the one it started with.
   bool relaying();
 
-  std::unique_ptr<ChildProcess> spawnClient(const ClientSpec& spec, bool waitStdin = false);
+  std::unique_ptr<ChildProcess> spawnClient(const ClientSpec& wanted, bool waitStdin = false);
   ClientRun finishClient(ChildProcess& client);
-  ClientRun runClient(const ClientSpec& spec);
+  ClientRun runClient(const ClientSpec& wanted);
   CommandResult watch(const std::vector<std::string>& args);
 
   // The front door's per-connection lines, as key=value maps, once `count` of them are there.

@@ -251,10 +251,10 @@ bool FrontDoorConnection::armTimer(double seconds) {
   constexpr long long kNanosPerSecond = 1'000'000'000;
   // A zero value would disarm the timer instead of firing it at once.
   const long long nanos = std::max(1LL, std::llround(seconds * kNanosPerSecond));
-  itimerspec spec{};
-  spec.it_value.tv_sec = static_cast<time_t>(nanos / kNanosPerSecond);
-  spec.it_value.tv_nsec = static_cast<long>(nanos % kNanosPerSecond);
-  return ::timerfd_settime(timer_.get(), 0, &spec, nullptr) == 0;
+  itimerspec deadline{};
+  deadline.it_value.tv_sec = static_cast<time_t>(nanos / kNanosPerSecond);
+  deadline.it_value.tv_nsec = static_cast<long>(nanos % kNanosPerSecond);
+  return ::timerfd_settime(timer_.get(), 0, &deadline, nullptr) == 0;
 }
 
 void FrontDoorConnection::disarmTimer() {
