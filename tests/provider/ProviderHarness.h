@@ -15,6 +15,7 @@
 #include "bridge/DaemonChannel.h"
 #include "platform/testing/CaptureLogSink.h"
 #include "platform/testing/CaseName.h"
+#include "platform/testing/EventTrail.h"
 #include "platform/testing/ScriptedConnection.h"
 #include "platform/testing/ScriptedFlow.h"
 #include "platform/testing/SimulatedRuntime.h"
@@ -39,15 +40,7 @@ class RecordingBridge : public DaemonChannel {
     return events_;
   }
   // "kind" or "kind:reason" of every event, in order.
-  std::vector<std::string> trail() const {
-    std::vector<std::string> out;
-    for (const auto& e : events()) {
-      std::string entry = e.value("kind", "");
-      if (e.contains("reason")) entry += ":" + e.value("reason", "");
-      out.push_back(entry);
-    }
-    return out;
-  }
+  std::vector<std::string> trail() const { return eventTrail(events()); }
   std::vector<std::pair<std::string, bool>> adopted() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return adopted_;

@@ -13,6 +13,7 @@
 
 #include "platform/testing/CaptureLogSink.h"
 #include "platform/testing/CaseName.h"
+#include "platform/testing/EventTrail.h"
 #include "platform/testing/ScriptedConnection.h"
 #include "platform/testing/ScriptedFlow.h"
 #include "platform/testing/SimulatedRuntime.h"
@@ -70,15 +71,7 @@ class FakeRelayContext : public RelayContext {
     return out;
   }
   // "kind" or "kind:reason" of every event, in order.
-  std::vector<std::string> eventTrail() const {
-    std::vector<std::string> out;
-    for (const auto& e : events()) {
-      std::string entry = e.value("kind", "");
-      if (e.contains("reason")) entry += ":" + e.value("reason", "");
-      out.push_back(entry);
-    }
-    return out;
-  }
+  std::vector<std::string> eventTrail() const { return tarnwick::eventTrail(events()); }
   int circuitFailures() const { return read(circuitFailures_); }
   int circuitSuccesses() const { return read(circuitSuccesses_); }
   int retains() const { return read(retains_); }

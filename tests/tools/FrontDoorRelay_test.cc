@@ -4,6 +4,7 @@
 
 #include <future>
 
+#include "ClientHelloBuilder.h"
 #include "FrontDoorHarness.h"
 #include "HostPort.h"
 
@@ -107,6 +108,19 @@ TEST(FrontDoorRelayTest, LogsTheIdentityHeadersAndTheByteCounts) {
             "conn pid=4242 signing=/opt/My\\x20Agent trace=9f3c00aa11bb22cc dest=127.0.0.1:" +
                 std::to_string(echo.port()) + " sni=- alpn=- up=" + std::to_string(hello.size()) +
                 " down=" + std::to_string(hello.size()) + " result=closed");
+}
+
+TEST(FrontDoorRelayTest, LogsTheServerNameAndProtocolsOfTheClientHello) {
+  EchoServer echo;
+  RunningFrontDoor frontDoor(listeningOn("127.0.0.1"));
+  const UniqueFd client = connectTo(frontDoor.address());
+  sendAll(client.get(), connectHead(formatHostPort("127.0.0.1", echo.port())));
+  ASSERT_EQ(readHead(client.get()), kAck);
+  const Bytes hello = readHello("openssl_h2");
+  exchange(client.get(), std::string(hello.begin(), hello.end()));
+  const auto line = frontDoor.log().waitFor({"result=closed"});
+  ASSERT_TRUE(line);
+  EXPECT_NE(line->find(" sni=api.example.com alpn=h2,http/1.1 "), std::string::npos) << *line;
 }
 
 TEST(FrontDoorRelayTest, RelaysManyClientsAtOnce) {

@@ -8,6 +8,7 @@
 #include <cmath>
 
 #include "platform/posix/Sockets.h"
+#include "policy/SNIParser.h"
 
 namespace tarnwick::frontdoor {
 namespace {
@@ -42,6 +43,12 @@ FrontDoorConnection::FrontDoorConnection(const ConnectionContext& context, std::
     : context_(context), id_(id), client_(std::move(client)), client_events_(EPOLLIN) {
   setNoDelay(client_.get());
   context_.loop.add(client_.get(), makeToken(id_, FdRole::Client), client_events_);
+  // The up direction belongs to this connection, so the observer cannot outlive it.
+  up_.observeFirstBytes([this](std::span<const std::uint8_t> bytes) {
+    SNIParseResult hello = SNIParser::parse(bytes);
+    record_.serverName = std::move(hello.serverName);
+    record_.alpn = std::move(hello.alpn);
+  });
 }
 
 void FrontDoorConnection::onEvent(FdRole role, std::uint32_t events) {

@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <utility>
 
 namespace tarnwick::frontdoor {
 namespace {
@@ -21,6 +22,7 @@ RelayDirection::Progress RelayDirection::pump(int from, int to, std::span<std::u
 }
 
 RelayDirection::Progress RelayDirection::forward(int to, std::span<const std::uint8_t> bytes) {
+  if (forwarded_ == 0 && !bytes.empty() && first_bytes_) std::exchange(first_bytes_, nullptr)(bytes);
   forwarded_ += bytes.size();
   return write(to, bytes);
 }

@@ -7,6 +7,7 @@
 // Used from the event loop's thread only.
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <vector>
 
@@ -22,6 +23,10 @@ class RelayDirection {
   bool finished() const { return shut_down_; }
   std::uint64_t bytesForwarded() const { return forwarded_; }
 
+  using FirstBytesObserver = std::function<void(std::span<const std::uint8_t>)>;
+  // Shown the first payload forwarded this way, once: how the client's TLS hello is seen.
+  void observeFirstBytes(FirstBytesObserver observer) { first_bytes_ = std::move(observer); }
+
   // One read from `from`, forwarded to `to`. scratch holds the read only for this call.
   Progress pump(int from, int to, std::span<std::uint8_t> scratch);
   // Payload that arrived another way (such as bytes sent right behind a request head).
@@ -35,6 +40,7 @@ class RelayDirection {
   Progress write(int to, std::span<const std::uint8_t> bytes);
   void passOnEnd(int to);
 
+  FirstBytesObserver first_bytes_;
   std::vector<std::uint8_t> pending_;
   std::size_t pending_offset_ = 0;
   std::uint64_t forwarded_ = 0;
