@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -68,19 +69,26 @@ TEST_P(CommandTest, Runs) {
   EXPECT_EQ(!outcome.err.empty(), c.errorLine) << outcome.err;
 }
 
-const std::string kPolicy = [] {
-  const auto path = std::filesystem::path(::testing::TempDir()) / "cli-policy.json";
-  std::ofstream(path) << R"({"kind":"policy.push","version":1,"deny":["evil.net"],
-      "agents":{"/usr/bin/agent":{"mode":"enforce","restrict":"allow","allow":["*.ok.net"]}},
-      "pids":{"42":{"mode":"monitor","restrict":"deny","deny":["x.net"]}}})";
-  return path.string();
-}();
+// CTest runs each case in a process of its own, several at once: each writes its own files, and
+// removes them when it exits.
+struct ProcessFile {
+  ProcessFile(const std::string& name, const std::string& content)
+      : path(std::filesystem::path(::testing::TempDir()) /
+             (std::to_string(::getpid()) + "-" + name)) {
+    std::ofstream(path) << content;
+  }
+  ~ProcessFile() { std::filesystem::remove(path); }
+  std::filesystem::path path;
+};
 
-const std::string kNotObject = [] {
-  const auto path = std::filesystem::path(::testing::TempDir()) / "cli-array.json";
-  std::ofstream(path) << "[1,2]";
-  return path.string();
-}();
+const ProcessFile kPolicyFile("cli-policy.json",
+                              R"({"kind":"policy.push","version":1,"deny":["evil.net"],
+      "agents":{"/usr/bin/agent":{"mode":"enforce","restrict":"allow","allow":["*.ok.net"]}},
+      "pids":{"42":{"mode":"monitor","restrict":"deny","deny":["x.net"]}}})");
+const std::string kPolicy = kPolicyFile.path.string();
+
+const ProcessFile kNotObjectFile("cli-array.json", "[1,2]");
+const std::string kNotObject = kNotObjectFile.path.string();
 
 INSTANTIATE_TEST_SUITE_P(
     Commands, CommandTest,
