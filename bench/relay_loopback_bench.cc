@@ -18,6 +18,7 @@
 #include "host/SocketFlow.h"
 #include "identity/AuditToken.h"
 #include "platform/Log.h"
+#include "platform/testing/AcceptingTunnelHost.h"
 #include "provider/TransparentProxyProvider.h"
 
 namespace tarnwick {
@@ -44,14 +45,6 @@ class SilentLog : public LogSink {
 };
 // One log line per relayed flow would cost more than the relay itself.
 const auto kSilenced = setLogSink(std::make_shared<SilentLog>());
-
-class AcceptingTunnelHost : public NETunnelHost {
- public:
-  void applyTunnelNetworkSettings(std::shared_ptr<const NETransparentProxyNetworkSettings>,
-                                  SettingsCompletion completion) override {
-    completion(std::nullopt);
-  }
-};
 
 // A provider on the real runtime relaying agent flows to `destinationPort` through the front
 // door.

@@ -22,6 +22,7 @@
 #include "host/HostLoop.h"
 #include "host/SocketFlow.h"
 #include "identity/AuditToken.h"
+#include "platform/testing/AcceptingTunnelHost.h"
 #include "provider/TransparentProxyProvider.h"
 
 namespace tarnwick {
@@ -31,15 +32,6 @@ using namespace std::chrono_literals;
 using frontdoor::FrontDoorMode;
 
 constexpr const char* kAgent = "/usr/bin/agent";
-
-// Accepts any network settings at once.
-class AcceptingTunnelHost : public NETunnelHost {
- public:
-  void applyTunnelNetworkSettings(std::shared_ptr<const NETransparentProxyNetworkSettings>,
-                                  SettingsCompletion completion) override {
-    completion(std::nullopt);
-  }
-};
 
 // A daemon on a real Unix socket in a fresh directory, serving on its own thread; keeps every
 // event line it receives.
