@@ -6,14 +6,14 @@
 namespace tarnwick {
 
 ThreadQueue::ThreadQueue(std::string label, QualityOfService qos)
-    : label_(std::move(label)), qos_(qos), thread_([this] { run(); }) {}
+    : label_(std::move(label)), qos_(qos), thread_([state = state_] { run(state); }) {}
 
 ThreadQueue::~ThreadQueue() {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
-    stopping_ = true;
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->stopping = true;
   }
-  wake_.notify_all();
+  state_->wake.notify_all();
   if (thread_.get_id() == std::this_thread::get_id()) {
     thread_.detach();
   } else if (thread_.joinable()) {
@@ -23,10 +23,10 @@ ThreadQueue::~ThreadQueue() {
 
 void ThreadQueue::async(Work work) {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
-    work_.push_back(std::move(work));
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->work.push_back(std::move(work));
   }
-  wake_.notify_one();
+  state_->wake.notify_one();
 }
 
 void ThreadQueue::asyncAfter(Duration, Work) {
@@ -43,15 +43,15 @@ std::shared_ptr<DispatchTimer> ThreadQueue::makeTimer() {
 
 bool ThreadQueue::isCurrent() const { return std::this_thread::get_id() == thread_.get_id(); }
 
-void ThreadQueue::run() {
+void ThreadQueue::run(const std::shared_ptr<State>& state) {
   for (;;) {
     Work next;
     {
-      std::unique_lock<std::mutex> lock(mutex_);
-      wake_.wait(lock, [this] { return stopping_ || !work_.empty(); });
-      if (work_.empty()) return;
-      next = std::move(work_.front());
-      work_.pop_front();
+      std::unique_lock<std::mutex> lock(state->mutex);
+      state->wake.wait(lock, [&] { return state->stopping || !state->work.empty(); });
+      if (state->work.empty()) return;
+      next = std::move(state->work.front());
+      state->work.pop_front();
     }
     next();
   }

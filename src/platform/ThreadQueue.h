@@ -5,6 +5,7 @@
 
 #include <condition_variable>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -15,7 +16,9 @@ namespace tarnwick {
 class ThreadQueue : public DispatchQueue {
  public:
   ThreadQueue(std::string label, QualityOfService qos);
-  // Runs what is already queued, then joins the thread (or detaches it when called from it).
+  // Runs what is already queued, then joins the thread. When the last owner lets go from work on
+  // the queue itself, the thread is detached and finishes on its own: it keeps only the shared
+  // state, never the queue object.
   ~ThreadQueue() override;
 
   const std::string& label() const override { return label_; }
@@ -27,14 +30,17 @@ class ThreadQueue : public DispatchQueue {
   bool isCurrent() const override;
 
  private:
-  void run();
+  struct State {
+    std::mutex mutex;
+    std::condition_variable wake;
+    std::deque<Work> work;
+    bool stopping = false;
+  };
+  static void run(const std::shared_ptr<State>& state);
 
   const std::string label_;
   const QualityOfService qos_;
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  std::deque<Work> work_;
-  bool stopping_ = false;
+  const std::shared_ptr<State> state_ = std::make_shared<State>();
   std::thread thread_;
 };
 

@@ -111,6 +111,20 @@ class ProviderHarness {
     provider->attachTunnelHost(tunnelHost);
   }
 
+  // A relay still running holds its flow and connections in a cycle through their pending
+  // completions; end every one, as its peers would, so nothing outlives the test.
+  ~ProviderHarness() {
+    for (int round = 0; round < 3; ++round) {
+      for (const auto& connection : connections->made()) {
+        const auto state = connection->state();
+        if (state != NWConnectionState::Kind::Failed && state != NWConnectionState::Kind::Cancelled) {
+          connection->fail(ECONNRESET);
+        }
+      }
+      env->advance(std::chrono::seconds(400));
+    }
+  }
+
   // Starts the proxy with `options` and returns what the start completion reported.
   std::optional<NEError> start(std::optional<Json> options) {
     std::optional<NEError> reported{NEError{-1, "completion never called"}};

@@ -60,7 +60,9 @@ void AsioConnection::send(std::optional<Bytes> content, bool isComplete,
   {
     MutexLock lock(mutex_);
     if (state_ == Kind::Cancelled || state_ == Kind::Failed) {
-      if (completion) {
+      // Like a send queued before the end, one made after a connection that never became ready
+      // is dropped: its bytes never leave, and a completion would read as a failed write.
+      if (completion && everReady_) {
         postLocked([c = std::move(completion)] { c(NWError::fromErrno(ECANCELED)); });
       }
     } else {
@@ -198,6 +200,7 @@ void AsioConnection::onConnectTimeout(const asio::error_code& error) {
 
 void AsioConnection::becomeReadyLocked() {
   state_ = Kind::Ready;
+  everReady_ = true;
   connectTimer_.cancel();
   candidates_.clear();
   postStateLocked(NWConnectionState::of(Kind::Ready));

@@ -101,6 +101,7 @@ class AsioConnection : public NWConnection, public std::enable_shared_from_this<
   std::shared_ptr<DispatchQueue> queue_ TW_GUARDED_BY(mutex_);
   StateHandler stateHandler_ TW_GUARDED_BY(mutex_);
   Kind state_ TW_GUARDED_BY(mutex_) = Kind::Setup;
+  bool everReady_ TW_GUARDED_BY(mutex_) = false;
 
   tcp::resolver resolver_ TW_GUARDED_BY(mutex_);
   tcp::socket socket_ TW_GUARDED_BY(mutex_);

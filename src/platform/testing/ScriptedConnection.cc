@@ -28,7 +28,8 @@ void ScriptedConnection::send(std::optional<Bytes> content, bool isComplete,
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (state_ == Kind::Cancelled || state_ == Kind::Failed) {
-      if (completion) {
+      // A connection that never became ready drops the send: its bytes never leave.
+      if (completion && everReady_) {
         work.push_back([completion] { completion(NWError::fromErrno(ECANCELED)); });
       }
     } else {
@@ -76,6 +77,7 @@ void ScriptedConnection::moveTo(NWConnectionState state) {
     if (state_ == Kind::Cancelled) return;
     const bool wasReady = state_ == Kind::Ready;
     state_ = state.kind;
+    if (state.kind == Kind::Ready) everReady_ = true;
     if (state.kind == Kind::Failed) abandonPendingLocked(wasReady, *state.error, work);
     work.push_back(stateDelivery(state));
     if (state.kind == Kind::Ready) {

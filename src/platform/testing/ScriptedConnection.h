@@ -80,6 +80,7 @@ class ScriptedConnection : public NWConnection,
   StateHandler stateHandler_;
   NWConnectionState::Kind state_ = NWConnectionState::Kind::Setup;
   bool autoComplete_ = true;
+  bool everReady_ = false;
   bool writeShutDown_ = false;
   Bytes sent_;
   std::deque<PendingSend> sends_;
