@@ -33,17 +33,11 @@ TICKS=$(getconf CLK_TCK)
 PIDS=()
 WORK=
 
+source "$(dirname "$0")/../../tools/demo/lab.sh"
 cleanup() {
   set +e
   exec 8>&- 2>/dev/null
-  for pid in "${PIDS[@]}"; do kill "$pid" 2>/dev/null; done
-  # Whatever else runs in the namespaces was started by this script too (helpers, wrappers).
-  for ns in "$AGENT" "$WORLD"; do ip netns pids "$ns" 2>/dev/null | xargs -r kill 2>/dev/null; done
-  for pid in "${PIDS[@]}"; do wait "$pid" 2>/dev/null; done
-  for ns in "$AGENT" "$WORLD"; do ip netns pids "$ns" 2>/dev/null | xargs -r kill -9 2>/dev/null; done
-  ip netns del "$AGENT" 2>/dev/null
-  ip netns del "$WORLD" 2>/dev/null
-  [ -n "$WORK" ] && rm -rf "$WORK"
+  lab_cleanup
 }
 trap cleanup EXIT
 trap 'exit 130' INT TERM

@@ -16,6 +16,7 @@
 #include "DaemonServer.h"
 #include "EventFormat.h"
 #include "bridge/DaemonBridge.h"
+#include "platform/posix/StopSignals.h"
 
 namespace {
 
@@ -25,14 +26,6 @@ std::atomic<DaemonServer*> gServer{nullptr};
 
 void onStopSignal(int) {
   if (DaemonServer* server = gServer.load()) server->stop();
-}
-
-void installStopHandlers() {
-  struct sigaction action {};
-  action.sa_handler = onStopSignal;
-  sigemptyset(&action.sa_mask);
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
 }
 
 void printLine(std::FILE* to, std::string_view line) {
@@ -97,7 +90,7 @@ int main(int argc, char** argv) {
   }
   printLine(statusOut, "listening " + path);
   gServer.store(server.get());
-  installStopHandlers();
+  tarnwick::installStopSignalHandler(onStopSignal);
   server->run();
   gServer.store(nullptr);
   printLine(stdout, config.json ? counts.jsonSummary() : counts.readableSummary());

@@ -25,18 +25,8 @@ say() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
 show() { sed 's/^/   /' "$@"; }
 lines() { grep "$@" || true; }  # grep that is content to find nothing
 
-cleanup() {
-  set +e
-  for pid in "${PIDS[@]}"; do kill "$pid" 2>/dev/null; done
-  # Whatever else runs in the namespaces was started by this script too (helpers, wrappers).
-  for ns in "$AGENT" "$WORLD"; do ip netns pids "$ns" 2>/dev/null | xargs -r kill 2>/dev/null; done
-  for pid in "${PIDS[@]}"; do wait "$pid" 2>/dev/null; done
-  for ns in "$AGENT" "$WORLD"; do ip netns pids "$ns" 2>/dev/null | xargs -r kill -9 2>/dev/null; done
-  ip netns del "$AGENT" 2>/dev/null
-  ip netns del "$WORLD" 2>/dev/null
-  [ -n "$WORK" ] && rm -rf "$WORK"
-}
-trap cleanup EXIT
+source "$(dirname "$0")/lab.sh"
+trap lab_cleanup EXIT
 trap 'echo; echo "demo: interrupted, cleaning up"; exit 130' INT TERM
 
 start() {  # start LOGFILE NETNS COMMAND...: runs in the background, stopped at exit

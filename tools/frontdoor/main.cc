@@ -14,6 +14,7 @@
 
 #include "CommandLine.h"
 #include "FrontDoor.h"
+#include "platform/posix/StopSignals.h"
 
 namespace {
 
@@ -23,14 +24,6 @@ std::atomic<FrontDoor*> gFrontDoor{nullptr};
 
 void onStopSignal(int) {
   if (FrontDoor* frontDoor = gFrontDoor.load()) frontDoor->stop();
-}
-
-void installStopHandlers() {
-  struct sigaction action {};
-  action.sa_handler = onStopSignal;
-  sigemptyset(&action.sa_mask);
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
 }
 
 // Every relayed connection takes two descriptors; the usual soft limit of 1024 would stop the
@@ -73,7 +66,7 @@ int main(int argc, char** argv) {
   }
   printLine("listening " + frontDoor->boundAddress());
   gFrontDoor.store(frontDoor.get());
-  installStopHandlers();
+  tarnwick::installStopSignalHandler(onStopSignal);
   frontDoor->run();
   gFrontDoor.store(nullptr);
   return 0;
