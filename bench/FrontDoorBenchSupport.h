@@ -44,6 +44,8 @@ class Destination {
       ::poll(&ready, 1, -1);
       UniqueFd client(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
       if (!client) return;
+      // Without TCP_NODELAY the last short segment of an echo may wait for a delayed ACK.
+      setNoDelay(client.get());
       if (echo_) workers_.emplace_back([fd = std::move(client)] { echo(fd.get()); });
     }
   }

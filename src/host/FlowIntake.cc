@@ -10,7 +10,6 @@
 #include "host/HostLog.h"
 #include "host/OriginalDestination.h"
 #include "host/SocketFlow.h"
-#include "platform/ThreadQueue.h"
 #include "platform/posix/Sockets.h"
 
 namespace tarnwick::host {
@@ -26,19 +25,32 @@ std::shared_ptr<FlowIntake> FlowIntake::create(Parts parts) {
   return std::shared_ptr<FlowIntake>(new FlowIntake(std::move(parts)));
 }
 
-FlowIntake::FlowIntake(Parts parts)
-    : parts_(std::move(parts)),
-      worker_(std::make_shared<ThreadQueue>("dev.fernquill.tarnwick.host.identify",
-                                            QualityOfService::UserInitiated)),
-      spare_(openSpare()) {}
+FlowIntake::FlowIntake(Parts parts) : parts_(std::move(parts)), spare_(openSpare()) {}
 
 FlowIntake::~FlowIntake() { close(); }
+
+// Bound exclusively, so a port another process listens on, shared or not, is refused; the
+// sockets close at once and never listened, so the port is free again for the intakes.
+std::optional<std::uint16_t> FlowIntake::reservePort(std::uint16_t port, std::string& error) {
+  std::array<UniqueFd, 2> probes;
+  for (std::size_t i = 0; i < probes.size(); ++i) {
+    const auto address = literalAddress(kLoopbacks[i], port);
+    probes[i] = bindTcpSocket(*address, error);
+    if (!probes[i]) {
+      error = "cannot listen on " + formatAddress(*address) + ": " + error;
+      return std::nullopt;
+    }
+    // Port 0: the first free port becomes the second address's too.
+    if (port == 0) port = portOf(localAddress(probes[i].get()).value_or(*address));
+  }
+  return port;
+}
 
 bool FlowIntake::listen(std::uint16_t port, std::string& error) {
   if (loop_id_ == 0) loop_id_ = parts_.loop->registerHandler(weak_from_this());
   for (std::size_t i = 0; i < listeners_.size(); ++i) {
     const auto address = literalAddress(kLoopbacks[i], port);
-    UniqueFd listener = bindTcpSocket(*address, error);
+    UniqueFd listener = bindTcpSocket(*address, error, PortSharing::Shared);
     if (listener && ::listen(listener.get(), SOMAXCONN) != 0) {
       error = std::string("listen: ") + std::strerror(errno);
       listener.reset();
@@ -48,8 +60,6 @@ bool FlowIntake::listen(std::uint16_t port, std::string& error) {
       close();
       return false;
     }
-    // Port 0: the first listener's free port becomes the second one's too.
-    if (port == 0) port = portOf(localAddress(listener.get()).value_or(*address));
     listeners_[i] = std::move(listener);
   }
   port_ = port;
@@ -93,8 +103,9 @@ void FlowIntake::acceptOne(UniqueFd client, const SocketAddress& peer) {
     hostLog().error("intake: connection to the listener itself or without a destination — closed");
     return;
   }
-  worker_->async([weak = weak_from_this(), client = std::make_shared<UniqueFd>(std::move(client)),
-                  peer, destination = *destination] {
+  parts_.loop->post([weak = weak_from_this(),
+                      client = std::make_shared<UniqueFd>(std::move(client)), peer,
+                      destination = *destination] {
     if (auto self = weak.lock()) self->identifyAndOffer(std::move(*client), peer, destination);
   });
 }
@@ -106,8 +117,6 @@ void FlowIntake::identifyAndOffer(UniqueFd client, const SocketAddress& peer,
                                          QualityOfService::UserInitiated);
   auto flow = SocketFlow::create(parts_.loop, std::move(client), hostEndpointOf(destination),
                                  std::move(metaData), std::move(queue));
-  // Offered right here, one hop fewer on every new connection's way; the flow's completions
-  // still run on its own queue.
   offer(flow, destination);
 }
 
@@ -124,10 +133,11 @@ void FlowIntake::shedOne(int listener) {
   spare_ = openSpare();
 }
 
+// One identifier per lane thread: its caches are the lane's own and need no lock.
 FlowIntake::Identify realIdentification() {
-  auto identifier = std::make_shared<FlowIdentifier>();
-  return [identifier](const SocketAddress& client, const SocketAddress& destination) {
-    return identifier->identify(client, destination);
+  return [](const SocketAddress& client, const SocketAddress& destination) {
+    thread_local FlowIdentifier identifier;
+    return identifier.identify(client, destination);
   };
 }
 

@@ -1,12 +1,16 @@
 #pragma once
 // Turns redirected connections into flows. Listens on 127.0.0.1 and ::1; for each accepted
 // connection it reads the original destination (a connection aimed at the listener itself is
-// closed, so the host never loops into itself), names the owning process on the identification
-// worker, and offers the flow to the provider from there. A flow the provider does not take goes
-// to the hand-back carrier.
+// closed, so the host never loops into itself), then, as work of its own after the accept loop,
+// names the owning process and offers the flow to the provider. A flow the provider does not
+// take goes to the hand-back carrier.
 //
-// listen() and close(): the owner's thread. onIoEvent: the loop thread. Identification and
-// offers: the identification worker. The flows' completions: each flow's framework queue.
+// The host runs one intake per lane, all listening on one shared port: the kernel spreads new
+// connections over them, and each flow lives on the lane that accepted it, with its framework
+// queue, its relay and its hand-back.
+//
+// listen() and close(): the owner's thread. onIoEvent, identification and offers: the loop's
+// lane. The flows' completions: each flow's framework queue, made on that lane.
 
 #include <array>
 #include <functional>
@@ -27,7 +31,7 @@ namespace tarnwick::host {
 class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowIntake> {
  public:
   using DestinationLookup = std::function<std::optional<SocketAddress>(int fd)>;
-  // The metadata of the process behind a connection; runs on the identification worker.
+  // The metadata of the process behind a connection; runs on the loop's lane.
   using Identify =
       std::function<NEFlowMetaData(const SocketAddress& client, const SocketAddress& destination)>;
 
@@ -43,8 +47,11 @@ class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowInt
   static std::shared_ptr<FlowIntake> create(Parts parts);
   ~FlowIntake() override;
 
-  // Binds both loopback listeners to `port` (0: a free port, the same for both). On failure
-  // returns false, says why in one line and leaves nothing bound.
+  // A port free on both loopback addresses for the intakes to share: `port` itself, or a free
+  // one for 0. Absent, with one line saying why, when it is taken.
+  static std::optional<std::uint16_t> reservePort(std::uint16_t port, std::string& error);
+  // Binds both loopback listeners to `port`, shared with the other intakes. On failure returns
+  // false, says why in one line and leaves nothing bound.
   bool listen(std::uint16_t port, std::string& error);
   std::uint16_t port() const { return port_; }
   // Stops accepting; flows already offered live on.
@@ -64,7 +71,6 @@ class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowInt
   void shedOne(int listener);
 
   Parts parts_;
-  std::shared_ptr<DispatchQueue> worker_;
   std::array<UniqueFd, 2> listeners_;
   UniqueFd spare_;
   std::uint64_t loop_id_ = 0;

@@ -6,6 +6,7 @@ HandBackCarrier::HandBackCarrier(std::shared_ptr<HostLoop> loop, std::optional<s
     : loop_(std::move(loop)), mark_(mark) {}
 
 void HandBackCarrier::carry(UniqueFd client, const SocketAddress& destination) {
+  if (loop_->isLoopThread()) return start(std::move(client), destination);
   // The posted work holds the carrier weakly: after the host stops, the socket just closes.
   loop_->post([weak = weak_from_this(), client = std::make_shared<UniqueFd>(std::move(client)),
                destination] {

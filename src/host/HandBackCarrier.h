@@ -1,7 +1,7 @@
 #pragma once
 // Owns the connections the host carries for the provider's handed-back flows.
-// carry(): any thread (the work moves to the loop). Everything else: the loop thread; the
-// carrier is destroyed after the loop has stopped.
+// carry(): any thread (the work moves to the loop's lane unless it is there already).
+// Everything else: the loop's lane; the carrier is destroyed after the loop has stopped.
 
 #include <cstdint>
 #include <memory>

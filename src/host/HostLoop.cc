@@ -1,22 +1,22 @@
 #include "host/HostLoop.h"
 
-#include <sys/eventfd.h>
+#include <future>
 
 namespace tarnwick::host {
 namespace {
-
-// Token 0 is the loop's own wake-up event; handlers get ids from 1.
-constexpr std::uint64_t kWakeToken = 0;
 
 std::uint64_t tokenOf(std::uint64_t id, std::uint32_t tag) { return (id << 2) | (tag & 3); }
 
 }  // namespace
 
-HostLoop::HostLoop() : wake_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
-  valid_ = epoll_.valid() && wake_.valid();
-  if (!valid_) return;
-  epoll_.add(wake_.get(), kWakeToken, EPOLLIN);
-  thread_ = std::thread([this] { run(); });
+HostLoop::HostLoop() : HostLoop(pickIoLane()) {}
+
+HostLoop::HostLoop(IoLane& lane) : lane_(lane) {
+  if (!valid()) return;
+  postToLane([this] {
+    watch_ = lane_.watchReadable(epoll_.fd());
+    arm();
+  });
 }
 
 HostLoop::~HostLoop() { stop(); }
@@ -43,56 +43,55 @@ void HostLoop::modify(int fd, std::uint64_t id, std::uint32_t tag, std::uint32_t
 
 void HostLoop::remove(int fd) { epoll_.remove(fd); }
 
-void HostLoop::post(Work work) {
-  {
-    MutexLock lock(mutex_);
-    if (stopping_) return;
-    posted_.push_back(std::move(work));
-  }
-  const std::uint64_t one = 1;
-  [[maybe_unused]] const auto written = ::write(wake_.get(), &one, sizeof one);
+void HostLoop::post(Work work) { postToLane(std::move(work)); }
+
+void HostLoop::postToLane(Work work) {
+  lane_.post([life = life_, work = std::move(work)] {
+    if (life->running()) work();
+  });
 }
 
+// Work posted before the stop either ran already or finds the loop stopped; from another
+// thread, the stop waits for the lane to pass a barrier, so nothing of this loop is running on
+// it when the stop returns.
 void HostLoop::stop() {
   {
-    MutexLock lock(mutex_);
-    if (stopping_) return;
-    stopping_ = true;
+    MutexLock lock(life_->mutex);
+    if (life_->stopping) return;
+    life_->stopping = true;
   }
-  if (!thread_.joinable()) return;
-  const std::uint64_t one = 1;
-  [[maybe_unused]] const auto written = ::write(wake_.get(), &one, sizeof one);
-  thread_.join();
-  std::deque<Work> dropped;
+  if (lane_.isCurrent()) {
+    watch_.reset();
+  } else if (valid()) {
+    std::promise<void> passed;
+    lane_.post([this, &passed] {
+      watch_.reset();
+      passed.set_value();
+    });
+    passed.get_future().wait();
+  }
+  std::unordered_map<std::uint64_t, std::weak_ptr<IoHandler>> dropped;
   MutexLock lock(mutex_);
-  dropped.swap(posted_);
-  handlers_.clear();
+  dropped.swap(handlers_);
 }
 
-void HostLoop::run() {
-  for (;;) {
-    for (const epoll_event& event : epoll_.wait()) {
-      if (event.data.u64 == kWakeToken) {
-        std::uint64_t count = 0;
-        [[maybe_unused]] const auto got = ::read(wake_.get(), &count, sizeof count);
-        runPosted();
-      } else {
-        dispatch(event.data.u64, event.events);
-      }
-    }
-    MutexLock lock(mutex_);
-    if (stopping_) return;
-  }
+void HostLoop::arm() {
+  watch_->wait([this, life = life_] {
+    if (life->running()) drain();
+  });
 }
 
-void HostLoop::runPosted() {
-  std::deque<Work> work;
-  {
-    MutexLock lock(mutex_);
-    if (stopping_) return;
-    work.swap(posted_);
+// The lane's event loop reports the set readable once per change, so the set is drained here:
+// while a pass finds events, another pass follows as new work on the lane (so other work of the
+// lane runs in between); once a pass finds none, the loop waits for the set again.
+void HostLoop::drain() {
+  const auto ready = epoll_.wait(0);
+  if (ready.empty()) return arm();
+  for (const epoll_event& event : ready) {
+    if (!life_->running()) return;
+    dispatch(event.data.u64, event.events);
   }
-  for (auto& item : work) item();
+  postToLane([this] { drain(); });
 }
 
 void HostLoop::dispatch(std::uint64_t token, std::uint32_t events) {

@@ -4,12 +4,11 @@
 
 namespace tarnwick::host {
 
+// One snapshot: the token and the executable path come from the very same process.
 NEFlowMetaData processMetaData(pid_t pid) {
-  if (pid <= 0) return {};
-  auto token = auditTokenForPID(pid);
-  // Read through the token, so the path belongs to the very process the token names.
-  std::string signingID = signingIDFromAuditTokenData(token).value_or("");
-  return {std::move(signingID), std::move(token)};
+  const auto snapshot = readProcessSnapshot(pid);
+  if (!snapshot) return {};
+  return {snapshot->executable.value_or(""), auditTokenFor(pid, *snapshot)};
 }
 
 }  // namespace tarnwick::host

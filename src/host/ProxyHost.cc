@@ -30,13 +30,18 @@ ProxyHost::ProxyHost(std::shared_ptr<NETransparentProxyProvider> provider, Optio
     : provider_(std::move(provider)),
       options_(std::move(options)),
       framework_(runtimeOr(options_.runtime)
-                     ->makeQueue("dev.fernquill.tarnwick.host", QualityOfService::UserInitiated)),
-      loop_(std::make_shared<HostLoop>()) {}
+                     ->makeQueue("dev.fernquill.tarnwick.host", QualityOfService::UserInitiated)) {
+  for (std::size_t i = 0; i < ioLaneCount(); ++i) {
+    lanes_.push_back({std::make_shared<HostLoop>(ioLane(i)), nullptr, nullptr});
+  }
+}
 
 ProxyHost::~ProxyHost() { stop(); }
 
 std::optional<std::string> ProxyHost::start(std::optional<Json> startOptions) {
-  if (!loop_->valid()) return "cannot create the host's event loop";
+  for (const Lane& lane : lanes_) {
+    if (!lane.loop->valid()) return "cannot create the host's event loop";
+  }
   {
     MutexLock lock(mutex_);
     if (options_.installRules && !table_.valid()) return "nftables is unavailable";
@@ -64,17 +69,30 @@ std::optional<std::string> ProxyHost::start(std::optional<Json> startOptions) {
 }
 
 std::optional<std::string> ProxyHost::listen() {
-  carrier_ = std::make_shared<HandBackCarrier>(
-      loop_, options_.installRules ? std::optional(options_.settings.socketMark) : std::nullopt);
-  intake_ = FlowIntake::create({loop_, runtimeOr(options_.runtime), carrier_, provider_,
-                                options_.destinationOf
-                                    ? options_.destinationOf
-                                    : FlowIntake::DestinationLookup(originalDestination),
-                                options_.identify ? options_.identify : realIdentification()});
   std::string error;
-  if (!intake_->listen(options_.settings.listenPort, error)) return error;
-  control_ = ControlServer::create(loop_, framework_, provider_);
+  const auto port = FlowIntake::reservePort(options_.settings.listenPort, error);
+  if (!port) return error;
+  port_ = *port;
+  for (Lane& lane : lanes_) {
+    if (auto failure = listenOn(lane, port_)) return failure;
+  }
+  control_ = ControlServer::create(lanes_.front().loop, framework_, provider_);
   if (!control_->listen(options_.settings.controlSocketPath, error)) return error;
+  return std::nullopt;
+}
+
+std::optional<std::string> ProxyHost::listenOn(Lane& lane, std::uint16_t port) {
+  lane.carrier = std::make_shared<HandBackCarrier>(
+      lane.loop,
+      options_.installRules ? std::optional(options_.settings.socketMark) : std::nullopt);
+  lane.intake = FlowIntake::create({lane.loop, runtimeOr(options_.runtime), lane.carrier,
+                                    provider_,
+                                    options_.destinationOf
+                                        ? options_.destinationOf
+                                        : FlowIntake::DestinationLookup(originalDestination),
+                                    options_.identify ? options_.identify : realIdentification()});
+  std::string error;
+  if (!lane.intake->listen(port, error)) return error;
   return std::nullopt;
 }
 
@@ -85,9 +103,11 @@ void ProxyHost::stop() {
     stopped.get_future().wait_for(kStartTimeout);
   }
   removeRules();
-  // The loop stops first, so closing the listeners races with no event handler.
-  loop_->stop();
-  if (intake_) intake_->close();
+  // The loops stop first, so closing the listeners races with no event handler.
+  for (const Lane& lane : lanes_) lane.loop->stop();
+  for (const Lane& lane : lanes_) {
+    if (lane.intake) lane.intake->close();
+  }
   if (control_) control_->close();
 }
 
@@ -131,7 +151,7 @@ void ProxyHost::removeRules() {
   table_installed_ = false;
 }
 
-std::uint16_t ProxyHost::listenPort() const { return intake_ ? intake_->port() : 0; }
+std::uint16_t ProxyHost::listenPort() const { return port_; }
 
 std::shared_ptr<const NETransparentProxyNetworkSettings> ProxyHost::appliedSettings() const {
   MutexLock lock(mutex_);

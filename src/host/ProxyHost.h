@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "host/ControlServer.h"
 #include "host/FlowIntake.h"
@@ -57,12 +58,21 @@ class ProxyHost : public NETunnelHost, public std::enable_shared_from_this<Proxy
   std::optional<NEError> installRules(const NETransparentProxyNetworkSettings& settings);
   void removeRules();
 
+  // What the host runs on one lane: its event loop, the intake that accepts that lane's share of
+  // the redirected connections, and the carrier of the flows handed back there.
+  struct Lane {
+    std::shared_ptr<HostLoop> loop;
+    std::shared_ptr<HandBackCarrier> carrier;
+    std::shared_ptr<FlowIntake> intake;
+  };
+
+  std::optional<std::string> listenOn(Lane& lane, std::uint16_t port);
+
   const std::shared_ptr<NETransparentProxyProvider> provider_;
   const Options options_;
   const std::shared_ptr<DispatchQueue> framework_;
-  const std::shared_ptr<HostLoop> loop_;
-  std::shared_ptr<HandBackCarrier> carrier_;
-  std::shared_ptr<FlowIntake> intake_;
+  std::vector<Lane> lanes_;
+  std::uint16_t port_ = 0;
   std::shared_ptr<ControlServer> control_;
   bool started_ = false;
   mutable Mutex mutex_;

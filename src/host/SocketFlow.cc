@@ -12,7 +12,7 @@ namespace tarnwick::host {
 namespace {
 
 // A read takes what has arrived, up to this much, into the reading thread's scratch space.
-constexpr std::size_t kReadChunkBytes = 64 * 1024;
+constexpr std::size_t kReadChunkBytes = 256 * 1024;
 
 NEError errnoError(int code) { return {code, std::strerror(code)}; }
 

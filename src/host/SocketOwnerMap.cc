@@ -62,19 +62,23 @@ void SocketOwnerMap::remember(pid_t pid) {
   if (recent_.size() > kRecentOwners) recent_.pop_back();
 }
 
+// The links are read relative to the open fd directory: no path walk per descriptor.
 bool SocketOwnerMap::scanProcess(pid_t pid, std::uint64_t inode) {
   const std::string fdPath = proc_root_ + "/" + std::to_string(pid) + "/fd";
+  DIR* directory = ::opendir(fdPath.c_str());
+  if (directory == nullptr) return false;
   bool holds = false;
   char link[64];
-  for (long fd : numericEntries(fdPath)) {
-    const std::string path = fdPath + "/" + std::to_string(fd);
-    const ssize_t length = ::readlink(path.c_str(), link, sizeof link);
+  while (const dirent* entry = ::readdir(directory)) {
+    if (entry->d_name[0] == '.') continue;
+    const ssize_t length = ::readlinkat(::dirfd(directory), entry->d_name, link, sizeof link);
     if (length <= 0) continue;
     const auto socket = socketInodeOfLink(std::string_view(link, static_cast<std::size_t>(length)));
     if (!socket) continue;
     record(*socket, pid);
     holds = holds || *socket == inode;
   }
+  ::closedir(directory);
   return holds;
 }
 

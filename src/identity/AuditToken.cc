@@ -59,22 +59,22 @@ std::optional<std::string> signingIDFromAuditTokenData(const std::optional<Bytes
 }
 
 std::optional<Bytes> auditTokenForPID(std::int64_t pid) {
-  const auto stat = readProcessStat(pid);
-  const auto credentials = readProcessCredentials(pid);
-  // The credentials must belong to the process the start time was read from.
-  const auto statAfter = readProcessStat(pid);
-  if (!stat || !credentials || !statAfter || statAfter->startTime != stat->startTime) {
-    return std::nullopt;
-  }
+  const auto snapshot = readProcessSnapshot(pid);
+  if (!snapshot) return std::nullopt;
+  return auditTokenFor(pid, *snapshot);
+}
+
+Bytes auditTokenFor(std::int64_t pid, const ProcessSnapshot& snapshot) {
+  const ProcessCredentials& credentials = snapshot.credentials;
   AuditTokenWords words;
-  words.val = {credentials->auditUser,
-               credentials->effectiveUID,
-               credentials->effectiveGID,
-               credentials->realUID,
-               credentials->realGID,
+  words.val = {credentials.auditUser,
+               credentials.effectiveUID,
+               credentials.effectiveGID,
+               credentials.realUID,
+               credentials.realGID,
                static_cast<std::uint32_t>(pid),
-               credentials->session,
-               static_cast<std::uint32_t>(pidVersionForStartTime(stat->startTime))};
+               credentials.session,
+               static_cast<std::uint32_t>(pidVersionForStartTime(snapshot.stat.startTime))};
   Bytes token(kAuditTokenSize);
   std::memcpy(token.data(), words.val.data(), kAuditTokenSize);
   return token;

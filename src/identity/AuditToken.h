@@ -13,6 +13,7 @@
 #include <string>
 
 #include "platform/Bytes.h"
+#include "platform/ProcessTable.h"
 
 namespace tarnwick {
 
@@ -28,6 +29,8 @@ std::optional<std::string> signingIDFromAuditTokenData(const std::optional<Bytes
 
 // The token of a live process; absent when the process cannot be inspected.
 std::optional<Bytes> auditTokenForPID(std::int64_t pid);
+// The token of process `pid` as `snapshot` saw it.
+Bytes auditTokenFor(std::int64_t pid, const ProcessSnapshot& snapshot);
 
 // The PID version a token carries for a process started `startTime` clock ticks after boot. Only
 // the low 31 bits are kept: a version read from a token is sign-extended, and a negative one

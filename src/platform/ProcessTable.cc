@@ -9,6 +9,7 @@
 #include <limits>
 
 #include "platform/Text.h"
+#include "platform/posix/UniqueFd.h"
 
 namespace tarnwick {
 namespace {
@@ -20,33 +21,32 @@ bool isPlausiblePID(std::int64_t pid) {
   return pid > 0 && pid <= std::numeric_limits<std::int32_t>::max();
 }
 
-std::string procPath(std::int64_t pid, std::string_view entry) {
-  return "/proc/" + std::to_string(pid) + "/" + std::string(entry);
+std::string procPath(std::int64_t pid) { return "/proc/" + std::to_string(pid); }
+
+// A process's /proc directory; invalid when the process cannot be inspected.
+UniqueFd openProcessDirectory(std::int64_t pid) {
+  if (!isPlausiblePID(pid)) return UniqueFd();
+  return UniqueFd(::open(procPath(pid).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
-// The whole of a small /proc file; absent when it cannot be read or exceeds `limit` bytes.
-std::optional<std::string> readSmallFile(const std::string& path, std::size_t limit = 8192) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return std::nullopt;
+// The whole of a small /proc file in `directory`; absent when it cannot be read or exceeds
+// `limit` bytes. The kernel renders such a file whole, so a read that does not fill the chunk
+// has reached its end.
+std::optional<std::string> readSmallFile(const UniqueFd& directory, const char* name,
+                                         std::size_t limit = 8192) {
+  if (!directory) return std::nullopt;
+  const UniqueFd fd(::openat(directory.get(), name, O_RDONLY | O_CLOEXEC));
+  if (!fd) return std::nullopt;
   std::string contents;
-  std::array<char, 1024> chunk;
-  bool failed = false;
+  std::array<char, 4096> chunk;
   while (true) {
-    const ssize_t n = ::read(fd, chunk.data(), chunk.size());
+    const ssize_t n = ::read(fd.get(), chunk.data(), chunk.size());
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      failed = n < 0;
-      break;
-    }
+    if (n < 0) return std::nullopt;
     contents.append(chunk.data(), static_cast<std::size_t>(n));
-    if (contents.size() > limit) {
-      failed = true;
-      break;
-    }
+    if (contents.size() > limit) return std::nullopt;
+    if (static_cast<std::size_t>(n) < chunk.size()) return contents;
   }
-  ::close(fd);
-  if (failed) return std::nullopt;
-  return contents;
 }
 
 // The blank-separated word `index` (0-based) of `text`; empty when there are fewer words.
@@ -74,10 +74,40 @@ std::string_view statusLine(std::string_view status, std::string_view key) {
 }
 
 // A decimal ID file such as loginuid or sessionid; the unset value when it is missing.
-std::uint32_t readIDFile(std::int64_t pid, std::string_view entry) {
-  const auto text = readSmallFile(procPath(pid, entry));
+std::uint32_t readIDFile(const UniqueFd& directory, const char* name) {
+  const auto text = readSmallFile(directory, name);
   if (!text) return kUnsetID;
   return parseDecimal<std::uint32_t>(wordAt(*text, 0)).value_or(kUnsetID);
+}
+
+std::optional<ProcessStat> readStatIn(const UniqueFd& directory) {
+  const auto line = readSmallFile(directory, "stat");
+  if (!line) return std::nullopt;
+  return parseProcessStat(*line);
+}
+
+std::optional<std::string> readExecutableIn(const UniqueFd& directory) {
+  if (!directory) return std::nullopt;
+  std::array<char, 4096> path;
+  const ssize_t n = ::readlinkat(directory.get(), "exe", path.data(), path.size());
+  if (n <= 0 || static_cast<std::size_t>(n) >= path.size()) return std::nullopt;
+  return toValidUTF8({path.data(), static_cast<std::size_t>(n)});
+}
+
+std::optional<ProcessCredentials> readCredentialsIn(const UniqueFd& directory) {
+  const auto status = readSmallFile(directory, "status");
+  if (!status) return std::nullopt;
+  // "Uid:" and "Gid:" list the real, effective, saved and filesystem IDs in that order.
+  const std::string_view uids = statusLine(*status, "Uid:");
+  const std::string_view gids = statusLine(*status, "Gid:");
+  const auto realUID = parseDecimal<std::uint32_t>(wordAt(uids, 0));
+  const auto effectiveUID = parseDecimal<std::uint32_t>(wordAt(uids, 1));
+  const auto realGID = parseDecimal<std::uint32_t>(wordAt(gids, 0));
+  const auto effectiveGID = parseDecimal<std::uint32_t>(wordAt(gids, 1));
+  if (!realUID || !effectiveUID || !realGID || !effectiveGID) return std::nullopt;
+  return ProcessCredentials{readIDFile(directory, "loginuid"), *effectiveUID, *effectiveGID,
+                            *realUID,   *realGID,
+                            readIDFile(directory, "sessionid")};
 }
 
 }  // namespace
@@ -94,35 +124,23 @@ std::optional<ProcessStat> parseProcessStat(std::string_view line) {
 }
 
 std::optional<ProcessStat> readProcessStat(std::int64_t pid) {
-  if (!isPlausiblePID(pid)) return std::nullopt;
-  const auto line = readSmallFile(procPath(pid, "stat"));
-  if (!line) return std::nullopt;
-  return parseProcessStat(*line);
+  return readStatIn(openProcessDirectory(pid));
 }
 
 std::optional<std::string> readExecutablePath(std::int64_t pid) {
-  if (!isPlausiblePID(pid)) return std::nullopt;
-  std::array<char, 4096> path;
-  const ssize_t n = ::readlink(procPath(pid, "exe").c_str(), path.data(), path.size());
-  if (n <= 0 || static_cast<std::size_t>(n) >= path.size()) return std::nullopt;
-  return toValidUTF8({path.data(), static_cast<std::size_t>(n)});
+  return readExecutableIn(openProcessDirectory(pid));
 }
 
 std::optional<ProcessCredentials> readProcessCredentials(std::int64_t pid) {
-  if (!isPlausiblePID(pid)) return std::nullopt;
-  const auto status = readSmallFile(procPath(pid, "status"));
-  if (!status) return std::nullopt;
-  // "Uid:" and "Gid:" list the real, effective, saved and filesystem IDs in that order.
-  const std::string_view uids = statusLine(*status, "Uid:");
-  const std::string_view gids = statusLine(*status, "Gid:");
-  const auto realUID = parseDecimal<std::uint32_t>(wordAt(uids, 0));
-  const auto effectiveUID = parseDecimal<std::uint32_t>(wordAt(uids, 1));
-  const auto realGID = parseDecimal<std::uint32_t>(wordAt(gids, 0));
-  const auto effectiveGID = parseDecimal<std::uint32_t>(wordAt(gids, 1));
-  if (!realUID || !effectiveUID || !realGID || !effectiveGID) return std::nullopt;
-  return ProcessCredentials{
-      readIDFile(pid, "loginuid"), *effectiveUID, *effectiveGID, *realUID, *realGID,
-      readIDFile(pid, "sessionid")};
+  return readCredentialsIn(openProcessDirectory(pid));
+}
+
+std::optional<ProcessSnapshot> readProcessSnapshot(std::int64_t pid) {
+  const UniqueFd directory = openProcessDirectory(pid);
+  auto stat = readStatIn(directory);
+  auto credentials = readCredentialsIn(directory);
+  if (!stat || !credentials) return std::nullopt;
+  return ProcessSnapshot{*stat, *credentials, readExecutableIn(directory)};
 }
 
 }  // namespace tarnwick

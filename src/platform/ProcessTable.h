@@ -37,4 +37,15 @@ std::optional<std::string> readExecutablePath(std::int64_t pid);
 
 std::optional<ProcessCredentials> readProcessCredentials(std::int64_t pid);
 
+// What identifies a flow's process, read through one open /proc/PID directory: every record read
+// there belongs to that very process (a reused PID gets a directory of its own, and the old one
+// reads nothing once its process has gone), so the parts need no second look at the start time.
+struct ProcessSnapshot {
+  ProcessStat stat;
+  ProcessCredentials credentials;
+  std::optional<std::string> executable;  // absent for kernel threads and zombies
+};
+
+std::optional<ProcessSnapshot> readProcessSnapshot(std::int64_t pid);
+
 }  // namespace tarnwick

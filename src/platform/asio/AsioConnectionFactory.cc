@@ -11,7 +11,7 @@ AsioConnectionFactory::AsioConnectionFactory(std::shared_ptr<AsioRuntime> runtim
 
 std::shared_ptr<NWConnection> AsioConnectionFactory::makeConnection(
     const NWEndpoint& endpoint, const NWParameters& parameters) {
-  return std::make_shared<AsioConnection>(runtime_->context(), endpoint, parameters,
+  return std::make_shared<AsioConnection>(runtime_->pickLane().context(), endpoint, parameters,
                                           connectTimeout_);
 }
 

@@ -1,5 +1,6 @@
 #pragma once
-// Makes real connections (AsioConnection) on one io_context with one connect timeout.
+// Makes real connections (AsioConnection) with one connect timeout, each on the calling
+// thread's lane (or the next lane in turn), so a flow's connections share its lane.
 // makeConnection(): any thread.
 
 #include <memory>

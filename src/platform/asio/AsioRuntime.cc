@@ -2,27 +2,89 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <string>
 
 #include "platform/ThreadQueue.h"
 #include "platform/asio/StrandQueue.h"
 
 namespace tarnwick {
+namespace {
 
-AsioRuntime::AsioRuntime(int poolThreads) : keepRunning_(asio::make_work_guard(context_)) {
-  for (int i = 0; i < poolThreads; ++i) {
-    pool_.emplace_back([this, i] {
-      const std::string name = "tw-io-" + std::to_string(i);
-      pthread_setname_np(pthread_self(), name.c_str());
-      context_.run();
-    });
+constexpr std::size_t kMaxLanes = 8;
+
+thread_local AsioLane* tlsLane = nullptr;
+
+// Watches a descriptor the caller owns: released, never closed, when the watch goes.
+class AsioReadableWatch : public IoLane::ReadableWatch {
+ public:
+  AsioReadableWatch(asio::io_context& context, int fd) : descriptor_(context, fd) {}
+  ~AsioReadableWatch() override {
+    cancel();
+    descriptor_.release();
   }
+
+  void wait(Work then) override {
+    descriptor_.async_wait(asio::posix::descriptor_base::wait_read,
+                           [generation = generation_, live = live_,
+                            then = std::move(then)](const asio::error_code& error) {
+                             if (!error && *live == generation) then();
+                           });
+  }
+
+  // A completion already queued with success is stopped by the generation it carries.
+  void cancel() override {
+    ++*live_;
+    ++generation_;
+    asio::error_code ignored;
+    descriptor_.cancel(ignored);
+  }
+
+ private:
+  asio::posix::stream_descriptor descriptor_;
+  std::uint64_t generation_ = 0;
+  const std::shared_ptr<std::uint64_t> live_ = std::make_shared<std::uint64_t>(0);
+};
+
+}  // namespace
+
+AsioLane::AsioLane(std::size_t index)
+    : index_(index), keepRunning_(asio::make_work_guard(context_)), thread_([this] {
+        tlsLane = this;
+        const std::string name = "tw-lane-" + std::to_string(index_);
+        pthread_setname_np(pthread_self(), name.c_str());
+        context_.run();
+      }) {}
+
+void AsioLane::post(Work work) { asio::post(context_, std::move(work)); }
+
+bool AsioLane::isCurrent() const { return tlsLane == this; }
+
+std::unique_ptr<IoLane::ReadableWatch> AsioLane::watchReadable(int fd) {
+  return std::make_unique<AsioReadableWatch>(context_, fd);
+}
+
+AsioLane* AsioLane::current() { return tlsLane; }
+
+std::size_t AsioRuntime::defaultLaneCount() {
+  return std::clamp<std::size_t>(std::thread::hardware_concurrency(), 1, kMaxLanes);
+}
+
+AsioRuntime::AsioRuntime(std::size_t lanes) {
+  for (std::size_t i = 0; i < std::max<std::size_t>(lanes, 1); ++i) {
+    lanes_.push_back(std::make_unique<AsioLane>(i));
+  }
+}
+
+AsioLane& AsioRuntime::pickLane() {
+  if (AsioLane* own = AsioLane::current()) return *own;
+  return lane(nextLane_.fetch_add(1, std::memory_order_relaxed));
 }
 
 std::shared_ptr<DispatchQueue> AsioRuntime::makeQueue(std::string label, QualityOfService qos,
                                                       QueueKind kind) {
   if (kind == QueueKind::Blocking) return std::make_shared<ThreadQueue>(std::move(label), qos);
-  return std::make_shared<StrandQueue>(context_, std::move(label), qos);
+  return std::make_shared<StrandQueue>(pickLane().context(), std::move(label), qos);
 }
 
 MonotonicTime AsioRuntime::monotonicNow() const { return std::chrono::steady_clock::now(); }
@@ -31,11 +93,19 @@ WallTime AsioRuntime::wallNow() const { return std::chrono::system_clock::now();
 
 std::shared_ptr<AsioRuntime> processAsioRuntime() {
   // Deliberately leaked: see the header.
-  static auto* const runtime =
-      new std::shared_ptr<AsioRuntime>(std::make_shared<AsioRuntime>(AsioRuntime::kPoolThreads));
+  static auto* const runtime = new std::shared_ptr<AsioRuntime>(
+      std::make_shared<AsioRuntime>(AsioRuntime::defaultLaneCount()));
   return *runtime;
 }
 
 std::shared_ptr<Runtime> realRuntime() { return processAsioRuntime(); }
+
+std::size_t ioLaneCount() { return processAsioRuntime()->laneCount(); }
+
+IoLane& ioLane(std::size_t index) { return processAsioRuntime()->lane(index); }
+
+IoLane* currentIoLane() { return AsioLane::current(); }
+
+IoLane& pickIoLane() { return processAsioRuntime()->pickLane(); }
 
 }  // namespace tarnwick

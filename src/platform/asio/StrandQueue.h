@@ -1,6 +1,6 @@
 #pragma once
-// A serial queue of the real runtime: an Asio strand over the runtime's io_context, so its work
-// runs one item at a time, in order, on whichever pool thread is free.
+// A serial queue of the real runtime: an Asio strand over one lane's io_context, so its work
+// runs one item at a time, in order, on that lane's thread.
 // Every method: any thread. Work, delayed work and timer handlers run on the strand.
 
 #include <asio.hpp>

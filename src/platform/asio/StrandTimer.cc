@@ -17,7 +17,6 @@ void StrandTimer::setEventHandler(Work handler) {
 void StrandTimer::schedule(Duration fromNow, std::optional<Duration> repeating, Duration) {
   MutexLock lock(mutex_);
   if (cancelled_) return;
-  ++generation_;
   deadline_ = std::chrono::steady_clock::now() + fromNow;
   interval_ = repeating;
   scheduled_ = true;
@@ -36,12 +35,17 @@ void StrandTimer::cancel() {
   MutexLock lock(mutex_);
   cancelled_ = true;
   ++generation_;
+  armedFor_.reset();
   timer_.cancel();
   dropped = std::exchange(handler_, nullptr);
 }
 
-// Setting the expiry aborts any wait still pending for an earlier deadline.
+// A pending wait that ends no later than the deadline stays; it waits again for the rest when it
+// ends (onExpiry). Otherwise setting the expiry aborts the pending wait.
 void StrandTimer::armLocked() {
+  if (armedFor_ && *armedFor_ <= deadline_) return;
+  ++generation_;
+  armedFor_ = deadline_;
   timer_.expires_at(deadline_);
   timer_.async_wait(asio::bind_executor(
       strand_, [weak = weak_from_this(), generation = generation_](const asio::error_code& error) {
@@ -55,8 +59,10 @@ void StrandTimer::onExpiry(std::uint64_t generation) {
   {
     MutexLock lock(mutex_);
     if (cancelled_ || generation != generation_) return;
+    armedFor_.reset();
+    const MonotonicTime now = std::chrono::steady_clock::now();
+    if (now < deadline_) return armLocked();
     if (interval_ && *interval_ > Duration::zero()) {
-      const MonotonicTime now = std::chrono::steady_clock::now();
       do {
         deadline_ += *interval_;
       } while (deadline_ <= now);

@@ -5,6 +5,11 @@
 // queue was busy are coalesced into one firing. The leeway is accepted and not used: firing on
 // time is within any leeway.
 //
+// A schedule that only moves the deadline later (a watchdog kicked on every chunk of a busy
+// flow) leaves the pending wait alone: when that wait ends before the deadline, it waits again
+// for the rest. So a kick costs a lock and a clock read, not a timer-queue update and a
+// cancelled handler.
+//
 // Every method: any thread. The event handler runs on the strand, without mutex_. A firing whose
 // check passed before cancel() took the lock has already started; no firing starts after cancel()
 // returns, and cancel() drops the handler. Pending waits hold the timer weakly, so releasing the
@@ -39,8 +44,10 @@ class StrandTimer : public DispatchTimer, public std::enable_shared_from_this<St
   asio::steady_timer timer_ TW_GUARDED_BY(mutex_);
   Work handler_ TW_GUARDED_BY(mutex_);
   MonotonicTime deadline_ TW_GUARDED_BY(mutex_);
+  // When the pending wait ends; absent while none is pending.
+  std::optional<MonotonicTime> armedFor_ TW_GUARDED_BY(mutex_);
   std::optional<Duration> interval_ TW_GUARDED_BY(mutex_);
-  // Bumped by every schedule() and by cancel(), so a wait armed for an older schedule is ignored.
+  // Bumped by every new wait and by cancel(), so a wait that was replaced is ignored.
   std::uint64_t generation_ TW_GUARDED_BY(mutex_) = 0;
   bool scheduled_ TW_GUARDED_BY(mutex_) = false;
   bool resumed_ TW_GUARDED_BY(mutex_) = false;

@@ -24,8 +24,9 @@ void EventLoop::modify(int fd, std::uint64_t token, std::uint32_t events) {
 
 void EventLoop::remove(int fd) { control(epoll_.get(), EPOLL_CTL_DEL, fd, 0, 0); }
 
-std::span<const epoll_event> EventLoop::wait() {
-  const int count = ::epoll_wait(epoll_.get(), ready_.data(), static_cast<int>(ready_.size()), -1);
+std::span<const epoll_event> EventLoop::wait(int timeoutMs) {
+  const int count =
+      ::epoll_wait(epoll_.get(), ready_.data(), static_cast<int>(ready_.size()), timeoutMs);
   if (count <= 0) return {};
   return {ready_.data(), static_cast<std::size_t>(count)};
 }

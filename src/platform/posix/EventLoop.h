@@ -24,9 +24,10 @@ class EventLoop {
   void modify(int fd, std::uint64_t token, std::uint32_t events);
   void remove(int fd);
 
-  // Blocks until at least one fd is ready (or a signal interrupts); the span is valid until the
-  // next call.
-  std::span<const epoll_event> wait();
+  // Waits up to `timeoutMs` (-1: until at least one fd is ready or a signal interrupts; 0: not at
+  // all); the span is valid until the next call.
+  std::span<const epoll_event> wait(int timeoutMs = -1);
+  int fd() const { return epoll_.get(); }
 
  private:
   UniqueFd epoll_;

@@ -20,13 +20,14 @@ void setFlag(int fd, int level, int option) {
 
 }  // namespace
 
-UniqueFd bindTcpSocket(const SocketAddress& address, std::string& error) {
+UniqueFd bindTcpSocket(const SocketAddress& address, std::string& error, PortSharing sharing) {
   UniqueFd fd = openTcpSocket(address.family());
   if (!fd) {
     error = std::string("socket: ") + std::strerror(errno);
     return fd;
   }
   setFlag(fd.get(), SOL_SOCKET, SO_REUSEADDR);
+  if (sharing == PortSharing::Shared) setFlag(fd.get(), SOL_SOCKET, SO_REUSEPORT);
   if (address.family() == AF_INET6) setFlag(fd.get(), IPPROTO_IPV6, IPV6_V6ONLY);
   if (::bind(fd.get(), address.get(), address.length) != 0) {
     error = std::string("bind: ") + std::strerror(errno);

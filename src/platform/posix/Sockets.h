@@ -11,9 +11,14 @@
 
 namespace tarnwick {
 
+// Whether other sockets may listen on the same port (SO_REUSEPORT), so that several threads
+// each accept their share of its connections.
+enum class PortSharing { Exclusive, Shared };
+
 // A TCP socket bound to the address (address reuse on; IPv6 sockets IPv6 only), not listening
 // yet. On failure the socket is invalid and error says why.
-UniqueFd bindTcpSocket(const SocketAddress& address, std::string& error);
+UniqueFd bindTcpSocket(const SocketAddress& address, std::string& error,
+                       PortSharing sharing = PortSharing::Exclusive);
 
 // A connect begun on a new socket: usually still in progress, finished by writability and
 // connectError(); error is set when it failed at once.
