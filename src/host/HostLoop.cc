@@ -81,17 +81,15 @@ void HostLoop::arm() {
   });
 }
 
-// The lane's event loop reports the set readable once per change, so the set is drained here:
-// while a pass finds events, another pass follows as new work on the lane (so other work of the
-// lane runs in between); once a pass finds none, the loop waits for the set again.
+// One pass over what the set holds now, then the lane waits for the set again. Arming the wait
+// looks at the set afresh, so a descriptor that is still ready (a listener with connections left
+// to accept) brings the next pass at once, after whatever else the lane has to do.
 void HostLoop::drain() {
-  const auto ready = epoll_.wait(0);
-  if (ready.empty()) return arm();
-  for (const epoll_event& event : ready) {
+  for (const epoll_event& event : epoll_.wait(0)) {
     if (!life_->running()) return;
     dispatch(event.data.u64, event.events);
   }
-  postToLane([this] { drain(); });
+  if (life_->running()) arm();
 }
 
 void HostLoop::dispatch(std::uint64_t token, std::uint32_t events) {

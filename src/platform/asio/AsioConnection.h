@@ -12,8 +12,9 @@
 //
 // Data: sends queue until ready and are written one after another; a send completes when all of
 // its bytes are written; an absent or empty send with isComplete shuts down the write side. A
-// receive waits for readability without a buffer, so an idle connection holds no receive memory,
-// then reads what the socket has, up to its maximum, until its minimum is met. After ready, an
+// receive reads what the socket already has, up to its maximum, until its minimum is met; on an
+// empty socket it waits for readability without a buffer, so an idle connection holds no
+// receive memory. After ready, an
 // I/O error completes the operation it hit (a receive also gets the bytes read before it) and the
 // state stays ready: only cancel() ends the connection.
 //
@@ -52,6 +53,9 @@ class AsioConnection : public NWConnection, public std::enable_shared_from_this<
   using Kind = NWConnectionState::Kind;
   using tcp = asio::ip::tcp;
 
+  // A read takes at most this much at a time into the reading thread's scratch space.
+  static constexpr std::size_t kScratchBytes = 64 * 1024;
+
   struct PendingSend {
     // Shared with the write in flight, which may outlive a cancelled send.
     std::shared_ptr<const Bytes> content;
@@ -83,7 +87,7 @@ class AsioConnection : public NWConnection, public std::enable_shared_from_this<
   void completeSendLocked(std::optional<NWError> error) TW_REQUIRES(mutex_);
   void readNextLocked() TW_REQUIRES(mutex_);
   void onReadable(const asio::error_code& error);
-  void readAvailableLocked() TW_REQUIRES(mutex_);
+  bool readAvailableLocked() TW_REQUIRES(mutex_);
   void completeReceiveLocked(bool isComplete, std::optional<NWError> error) TW_REQUIRES(mutex_);
   void abandonPendingLocked(bool wasReady) TW_REQUIRES(mutex_);
 

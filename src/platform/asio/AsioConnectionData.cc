@@ -1,5 +1,6 @@
 // Sending and receiving on a ready AsioConnection.
 
+#include <array>
 #include <cerrno>
 #include <utility>
 
@@ -53,13 +54,17 @@ void AsioConnection::completeSendLocked(std::optional<NWError> error) {
   }
 }
 
-// Waiting for readability needs no buffer: memory is taken only once bytes are there.
+// Bytes already in the socket are read at once; only an empty socket is waited for, and the wait
+// needs no buffer: memory is taken only once bytes are there.
 void AsioConnection::readNextLocked() {
   if (state_ != Kind::Ready || awaitingReadable_) return;
-  while (!receives_.empty() && (readEnded_ || readError_)) {
-    completeReceiveLocked(readEnded_, readError_);
+  for (;;) {
+    while (!receives_.empty() && (readEnded_ || readError_)) {
+      completeReceiveLocked(readEnded_, readError_);
+    }
+    if (receives_.empty()) return;
+    if (!readAvailableLocked()) break;
   }
-  if (receives_.empty()) return;
   awaitingReadable_ = true;
   socket_.async_wait(
       tcp::socket::wait_read,
@@ -71,44 +76,31 @@ void AsioConnection::onReadable(const asio::error_code& error) {
     MutexLock lock(mutex_);
     awaitingReadable_ = false;
     if (state_ != Kind::Ready) return;
-    if (error) {
-      readError_ = errorOf(error);
-    } else {
-      readAvailableLocked();
-    }
+    if (error) readError_ = errorOf(error);
     readNextLocked();
   }
   flushOutbox();
 }
 
-// Reads what the socket holds for the oldest receive, completing it once its minimum is met, at
-// the end of the stream or on an error. Stops when the socket has nothing more for now.
-void AsioConnection::readAvailableLocked() {
-  while (!receives_.empty()) {
-    const PendingReceive& head = receives_.front();
-    asio::error_code error;
-    const std::size_t available = socket_.available(error);
-    const std::size_t room = head.maximum - inbound_.size();
-    // With nothing reported available, one byte tells data from the end of the stream.
-    const std::size_t want = error ? 1 : std::clamp<std::size_t>(available, 1, room);
-    const std::size_t had = inbound_.size();
-    inbound_.resize(had + want);
-    const std::size_t got = socket_.read_some(asio::buffer(inbound_.data() + had, want), error);
-    inbound_.resize(had + got);
-    if (error == asio::error::would_block) {
-      if (inbound_.empty()) Bytes().swap(inbound_);
-      return;
-    }
-    if (error == asio::error::eof) {
-      readEnded_ = true;
-      return;
-    }
-    if (error) {
-      readError_ = errorOf(error);
-      return;
-    }
+// Reads what the socket holds for the oldest receive, through the thread's scratch space, so a
+// receive's bytes are exactly what arrived; completes it once its minimum is met. False when the
+// socket has nothing more for now and the receive still waits.
+bool AsioConnection::readAvailableLocked() {
+  thread_local std::array<std::uint8_t, kScratchBytes> scratch;
+  const PendingReceive& head = receives_.front();
+  const std::size_t want = std::min(head.maximum - inbound_.size(), scratch.size());
+  asio::error_code error;
+  const std::size_t got = socket_.read_some(asio::buffer(scratch.data(), want), error);
+  if (error == asio::error::would_block) return false;
+  if (error == asio::error::eof) {
+    readEnded_ = true;
+  } else if (error) {
+    readError_ = errorOf(error);
+  } else {
+    inbound_.insert(inbound_.end(), scratch.begin(), scratch.begin() + got);
     if (inbound_.size() >= head.minimum) completeReceiveLocked(false, std::nullopt);
   }
+  return true;
 }
 
 // Completes the oldest receive with the bytes read for it. At the end of the stream or after an
