@@ -62,21 +62,28 @@ void SocketOwnerMap::remember(pid_t pid) {
   if (recent_.size() > kRecentOwners) recent_.pop_back();
 }
 
-// The links are read relative to the open fd directory: no path walk per descriptor.
+// Newest descriptors first: a new socket usually takes the next number up, so the lookup for a
+// connection just made tends to end at the first link read. Links are read relative to the open
+// fd directory, without a path walk per descriptor.
 bool SocketOwnerMap::scanProcess(pid_t pid, std::uint64_t inode) {
   const std::string fdPath = proc_root_ + "/" + std::to_string(pid) + "/fd";
   DIR* directory = ::opendir(fdPath.c_str());
   if (directory == nullptr) return false;
+  std::vector<int> fds;
+  while (const dirent* entry = ::readdir(directory)) {
+    if (auto fd = parseDecimal<int>(entry->d_name)) fds.push_back(*fd);
+  }
+  std::sort(fds.begin(), fds.end(), std::greater<>());
   bool holds = false;
   char link[64];
-  while (const dirent* entry = ::readdir(directory)) {
-    if (entry->d_name[0] == '.') continue;
-    const ssize_t length = ::readlinkat(::dirfd(directory), entry->d_name, link, sizeof link);
+  for (std::size_t i = 0; i < fds.size() && !holds; ++i) {
+    const std::string name = std::to_string(fds[i]);
+    const ssize_t length = ::readlinkat(::dirfd(directory), name.c_str(), link, sizeof link);
     if (length <= 0) continue;
     const auto socket = socketInodeOfLink(std::string_view(link, static_cast<std::size_t>(length)));
     if (!socket) continue;
     record(*socket, pid);
-    holds = holds || *socket == inode;
+    holds = *socket == inode;
   }
   ::closedir(directory);
   return holds;

@@ -2,10 +2,10 @@
 // Which process holds a socket, by the socket's inode. Answers come from a cache of every socket
 // inode seen in /proc/PID/fd; a miss rescans. The rescan walks the newest processes first (the
 // highest PIDs; a connection usually comes from a process that just started or is already
-// known) and stops at the first process that holds the inode, recording every socket it passes
-// on the way. Before that it looks at the few processes that owned the latest connections: a
-// long-running client opens one connection after another, and is then found without a walk.
-// Used from one thread at a time (the identification worker).
+// known), each from its newest descriptor down, and stops at the socket, recording every socket
+// it passes on the way. Before that it looks at the few processes that owned the latest
+// connections: a long-running client opens one connection after another, and is then found
+// without a walk. Used from one thread at a time (each lane has its own).
 
 #include <sys/types.h>
 
@@ -28,7 +28,7 @@ class SocketOwnerMap {
 
  private:
   std::optional<pid_t> rescan(std::uint64_t inode);
-  // Records the process's sockets; true when one of them is `inode`.
+  // Records the process's sockets down to `inode`; true when it holds it.
   bool scanProcess(pid_t pid, std::uint64_t inode);
   void record(std::uint64_t inode, pid_t pid);
   void remember(pid_t pid);
