@@ -1,6 +1,5 @@
 #include "host/FlowIdentifier.h"
 
-#include "host/ProcessMetaData.h"
 
 namespace tarnwick::host {
 
@@ -11,7 +10,7 @@ NEFlowMetaData FlowIdentifier::identify(const SocketAddress& client,
   if (!inode || *inode == 0) return {};
   const auto pid = owners_.ownerOf(*inode);
   if (!pid) return {};
-  return processMetaData(*pid);
+  return processes_.metaDataOf(*pid);
 }
 
 }  // namespace tarnwick::host

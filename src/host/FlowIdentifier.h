@@ -2,8 +2,9 @@
 // Names the process behind an intercepted connection: sock_diag gives the client socket's inode
 // from the exact 4-tuple, the socket-owner map gives the PID, and the PID gives the metadata.
 // An unidentified process yields empty metadata (PID 0, no audit token).
-// Used from one thread at a time (the identification worker); it may block on /proc.
+// Used from one thread at a time (each lane has its own); it reads /proc.
 
+#include "host/ProcessMetaDataCache.h"
 #include "host/SocketDiag.h"
 #include "host/SocketOwnerMap.h"
 #include "platform/NetworkExtension.h"
@@ -20,6 +21,7 @@ class FlowIdentifier {
  private:
   SocketDiag diag_;
   SocketOwnerMap owners_;
+  ProcessMetaDataCache processes_;
 };
 
 }  // namespace tarnwick::host

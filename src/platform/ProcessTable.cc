@@ -9,7 +9,6 @@
 #include <limits>
 
 #include "platform/Text.h"
-#include "platform/posix/UniqueFd.h"
 
 namespace tarnwick {
 namespace {
@@ -135,12 +134,21 @@ std::optional<ProcessCredentials> readProcessCredentials(std::int64_t pid) {
   return readCredentialsIn(openProcessDirectory(pid));
 }
 
-std::optional<ProcessSnapshot> readProcessSnapshot(std::int64_t pid) {
-  const UniqueFd directory = openProcessDirectory(pid);
-  auto stat = readStatIn(directory);
-  auto credentials = readCredentialsIn(directory);
+ProcessDirectory ProcessDirectory::open(std::int64_t pid) {
+  return ProcessDirectory(openProcessDirectory(pid));
+}
+
+std::optional<ProcessSnapshot> ProcessDirectory::snapshot() const {
+  auto stat = readStatIn(fd_);
+  auto credentials = readCredentialsIn(fd_);
   if (!stat || !credentials) return std::nullopt;
-  return ProcessSnapshot{*stat, *credentials, readExecutableIn(directory)};
+  return ProcessSnapshot{*stat, *credentials, readExecutableIn(fd_)};
+}
+
+std::optional<std::string> ProcessDirectory::executable() const { return readExecutableIn(fd_); }
+
+std::optional<ProcessSnapshot> readProcessSnapshot(std::int64_t pid) {
+  return ProcessDirectory::open(pid).snapshot();
 }
 
 }  // namespace tarnwick

@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/posix/UniqueFd.h"
+
 namespace tarnwick {
 
 struct ProcessStat {
@@ -37,13 +39,30 @@ std::optional<std::string> readExecutablePath(std::int64_t pid);
 
 std::optional<ProcessCredentials> readProcessCredentials(std::int64_t pid);
 
-// What identifies a flow's process, read through one open /proc/PID directory: every record read
-// there belongs to that very process (a reused PID gets a directory of its own, and the old one
-// reads nothing once its process has gone), so the parts need no second look at the start time.
+// What identifies a flow's process, read at one moment through one ProcessDirectory.
 struct ProcessSnapshot {
   ProcessStat stat;
   ProcessCredentials credentials;
   std::optional<std::string> executable;  // absent for kernel threads and zombies
+};
+
+// An open /proc/PID directory. Every record read through it belongs to the very process it was
+// opened for: a reused PID gets a directory of its own, and this one reads nothing once its
+// process has gone. So the records need no second look at the start time, and a kept directory
+// tells cheaply whether its process still runs.
+class ProcessDirectory {
+ public:
+  // Invalid when the process cannot be inspected.
+  static ProcessDirectory open(std::int64_t pid);
+
+  bool valid() const { return fd_.valid(); }
+  std::optional<ProcessSnapshot> snapshot() const;
+  // Absent once the process has gone (and for kernel threads and zombies).
+  std::optional<std::string> executable() const;
+
+ private:
+  explicit ProcessDirectory(UniqueFd fd) : fd_(std::move(fd)) {}
+  UniqueFd fd_;
 };
 
 std::optional<ProcessSnapshot> readProcessSnapshot(std::int64_t pid);
