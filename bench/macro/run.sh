@@ -28,6 +28,7 @@ WORLD_IP=198.18.0.2
 SERVER_PORT=9000
 FRONTDOOR_PORT=8443
 REDSOCKS_PORT=12345
+MARK=0x7477  # the interceptor's socket mark; the front door's upstream sockets carry it too
 NOBODY=65534
 TICKS=$(getconf CLK_TCK)
 PIDS=()
@@ -100,7 +101,8 @@ ip -n "$WORLD" link set twbw$$ up
 
 start "$WORK/server.log" "$WORLD" "$LOAD" serve "$SERVER_PORT"
 wait_for "the server" port_open "$WORLD" "$WORLD_IP" "$SERVER_PORT"
-start "$WORK/frontdoor.log" "$AGENT" "$FRONTDOOR" --listen "127.0.0.1:$FRONTDOOR_PORT"
+start "$WORK/frontdoor.log" "$AGENT" "$FRONTDOOR" --listen "127.0.0.1:$FRONTDOOR_PORT" \
+  --mark "$MARK"
 wait_for "the front door" port_open "$AGENT" 127.0.0.1 "$FRONTDOOR_PORT"
 
 CARRIER=   # PID whose CPU and memory are measured
@@ -114,7 +116,7 @@ start_interceptor() {  # start_interceptor WATCHED-PATH
 JSON
   rm -f "$WORK/control.sock"
   start "$WORK/interceptor.log" "$AGENT" "$BIN" run --options "$WORK/options.json" \
-    --control-socket "$WORK/control.sock" --table tw_bench
+    --control-socket "$WORK/control.sock" --table tw_bench --mark "$MARK"
   CARRIER=$STARTED
   wait_for "the interceptor" test -S "$WORK/control.sock"
 }
@@ -258,6 +260,6 @@ for path in $PATHS; do
     "$(cell "$path" kib)"
 done
 echo
-echo "Carrier: the interceptor (handback, relayed) or redsocks. On the relayed path the front" \
-  "door's own upstream connection is intercepted and handed back too, as it is on any host" \
-  "that runs the front door beside the agent."
+echo "Carrier: the interceptor (handback, relayed) or redsocks. The front door marks its upstream" \
+  "sockets with the interceptor's mark, so on the relayed path only the agent's connection is" \
+  "intercepted, as on the redsocks path."

@@ -18,6 +18,7 @@ WORLD_LINK=twdw$$
 AGENT_IP=198.18.0.1
 WORLD_IP=198.18.0.2
 FRONTDOOR_PORT=8443
+MARK=0x7477
 PIDS=()
 WORK=
 
@@ -105,11 +106,13 @@ say "Agent host: daemon, front door on 127.0.0.1:$FRONTDOOR_PORT, interceptor wa
 show "$WORK/options.json"
 start "$WORK/daemon.log" "$AGENT" "$DAEMON" --socket "$WORK/daemon.sock"
 wait_for "the daemon" test -S "$WORK/daemon.sock"
-start "$WORK/frontdoor.log" "$AGENT" "$FRONTDOOR" --listen "127.0.0.1:$FRONTDOOR_PORT"
+# The front door's own connections carry the interceptor's mark and go straight out.
+start "$WORK/frontdoor.log" "$AGENT" "$FRONTDOOR" --listen "127.0.0.1:$FRONTDOOR_PORT" \
+  --mark "$MARK"
 FRONTDOOR_PID=${PIDS[-1]}
 wait_for "the front door" grep -q '^listening' "$WORK/frontdoor.log"
 start "$WORK/interceptor.log" "$AGENT" "$BIN" run --options "$WORK/options.json" \
-  --control-socket "$WORK/control.sock"
+  --control-socket "$WORK/control.sock" --mark "$MARK"
 wait_for "the interceptor" test -S "$WORK/control.sock"
 
 say "curl http://$WORLD_IP/   (relayed through the front door)"

@@ -18,6 +18,19 @@ std::optional<double> parseSeconds(std::string_view text) {
   return value;
 }
 
+// Decimal, or hexadecimal after "0x" as nft prints marks.
+std::optional<std::uint32_t> parseMark(std::string_view text) {
+  int base = 10;
+  if (text.starts_with("0x") || text.starts_with("0X")) {
+    text.remove_prefix(2);
+    base = 16;
+  }
+  std::uint32_t value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
+  if (text.empty() || error != std::errc{} || end != text.data() + text.size()) return std::nullopt;
+  return value;
+}
+
 // Applies one option; an empty result means it was taken.
 std::optional<UsageError> apply(std::string_view name, std::string_view value, CommandLine& line) {
   if (name == "--listen") {
@@ -35,6 +48,10 @@ std::optional<UsageError> apply(std::string_view name, std::string_view value, C
     if (!seconds)
       return UsageError{"--delay wants seconds from 0 to 86400, got '" + std::string(value) + "'"};
     line.config.ackDelaySeconds = *seconds;
+  } else if (name == "--mark") {
+    auto mark = parseMark(value);
+    if (!mark) return UsageError{"--mark wants a 32-bit number, got '" + std::string(value) + "'"};
+    line.config.upstreamMark = *mark;
   } else {
     return UsageError{"unknown option '" + std::string(name) + "'"};
   }
@@ -66,12 +83,15 @@ std::variant<CommandLine, UsageError> parseCommandLine(std::span<const std::stri
 }
 
 std::string_view usageText() {
-  return "usage: tarnwick-frontdoor [--listen HOST:PORT] [--mode MODE] [--delay SECONDS]\n"
+  return "usage: tarnwick-frontdoor [--listen HOST:PORT] [--mode MODE] [--delay SECONDS] "
+         "[--mark N]\n"
          "  --listen  address to accept CONNECT on (default 127.0.0.1:8443; port 0 picks one;\n"
          "            the bound address is printed as the first line)\n"
          "  --mode    normal | refuse | silent | reject | ack-then-close | ack-then-silence |\n"
          "            slow-ack | garbage (default normal)\n"
-         "  --delay   slow-ack wait in seconds (default 3)\n";
+         "  --delay   slow-ack wait in seconds (default 3)\n"
+         "  --mark    socket mark for upstream connections (decimal or 0x hex), e.g. the\n"
+         "            interceptor's own mark so they are not intercepted (needs CAP_NET_ADMIN)\n";
 }
 
 }  // namespace tarnwick::frontdoor

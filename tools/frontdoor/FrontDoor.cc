@@ -55,6 +55,12 @@ bool FrontDoor::open(std::string& error) {
   }
   listener_ = bindTcpSocket(addresses.front(), error);
   if (!listener_) return false;
+  // The mark must be settable now, or every relay would fail later with a 502.
+  if (config_.upstreamMark && ::setsockopt(listener_.get(), SOL_SOCKET, SO_MARK,
+                                           &*config_.upstreamMark, sizeof(std::uint32_t)) != 0) {
+    error = std::string("cannot set socket mark: ") + std::strerror(errno);
+    return false;
+  }
   if (config_.mode != FrontDoorMode::Refuse && ::listen(listener_.get(), SOMAXCONN) != 0) {
     error = std::string("listen: ") + std::strerror(errno);
     return false;

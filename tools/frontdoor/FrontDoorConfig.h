@@ -1,7 +1,9 @@
 #pragma once
-// Everything one front door is started with. The command line fills the first three; the
+// Everything one front door is started with. The command line fills the first four; the
 // timeouts are fixed there and shortened only by tests.
 
+#include <cstdint>
+#include <optional>
 #include <string>
 
 #include "FrontDoorMode.h"
@@ -15,6 +17,10 @@ struct FrontDoorConfig {
   // The slow-ack wait. Longer than the 2.5 s a relaying client gives its whole handshake, so
   // that by default the mode shows the client giving up.
   double ackDelaySeconds = 3.0;
+  // SO_MARK for every upstream socket. An interceptor on the same host leaves sockets with its
+  // mark alone, so the front door's own connections go straight out instead of being redirected
+  // back into the interceptor and carried by it. Setting a mark needs CAP_NET_ADMIN.
+  std::optional<std::uint32_t> upstreamMark;
   // A destination that swallows SYNs would otherwise hold a connection for the kernel's
   // minutes-long retry schedule before the 502.
   double dialTimeoutSeconds = 10.0;

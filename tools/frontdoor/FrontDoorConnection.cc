@@ -164,7 +164,7 @@ void FrontDoorConnection::dialNext() {
   dropUpstream();
   disarmTimer();
   while (next_address_ < addresses_.size()) {
-    DialStart start = startDial(addresses_[next_address_++]);
+    DialStart start = startDial(addresses_[next_address_++], context_.config.upstreamMark);
     if (!start.fd) continue;
     upstream_ = std::move(start.fd);
     upstream_events_ = EPOLLOUT;
