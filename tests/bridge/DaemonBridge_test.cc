@@ -1,0 +1,272 @@
+// The bridge on the simulated runtime against a daemon end made of plain Unix sockets: a listener
+// takes the bridge's connect into its backlog at once, and every write the bridge makes has
+// finished by the time runUntilIdle() returns, so the test reads what is there without waiting.
+#include "bridge/DaemonBridge.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <filesystem>
+#include <limits>
+#include <thread>
+
+#include "DaemonServer.h"
+#include "bridge/LineBuffer.h"
+#include "platform/HomeDirectory.h"
+#include "platform/posix/UniqueFd.h"
+#include "platform/testing/CaptureLogSink.h"
+#include "platform/testing/CaseName.h"
+#include "platform/testing/SimulatedRuntime.h"
+#include "policy/EnforcementPolicy.h"
+
+namespace tarnwick {
+namespace {
+
+using namespace std::chrono_literals;
+
+UniqueFd listenAt(const std::string& path) {
+  UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  EXPECT_TRUE(::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
+              ::listen(fd.get(), 8) == 0);
+  return fd;
+}
+
+// The oldest pending connection, or an invalid one.
+UniqueFd acceptOne(const UniqueFd& listener) {
+  return UniqueFd(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+}
+
+std::string drain(const UniqueFd& fd) {
+  std::string out;
+  char chunk[65536];
+  for (ssize_t n; (n = ::recv(fd.get(), chunk, sizeof(chunk), MSG_DONTWAIT)) > 0;) {
+    out.append(chunk, static_cast<std::size_t>(n));
+  }
+  return out;
+}
+
+void write(const UniqueFd& fd, const std::string& bytes) {
+  EXPECT_EQ(::send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
+            static_cast<ssize_t>(bytes.size()));
+}
+
+Json alive(int ts) { return {{"kind", "proxyext.alive"}, {"ts", ts}}; }
+const std::string kPush = R"({"kind":"policy.push","version":1})";
+
+class BridgeTest : public ::testing::Test {
+ protected:
+  BridgeTest() {
+    char pattern[] = "/tmp/twb-XXXXXX";
+    EXPECT_NE(::mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+    path_ = dir_ + "/ne.sock";
+  }
+  ~BridgeTest() override { std::filesystem::remove_all(dir_); }
+
+  // Pushes go to the process-wide policy, as in the product.
+  DaemonBridge& bridge() {
+    if (!bridge_) bridge_ = DaemonBridge::create(env_, path_);
+    return *bridge_;
+  }
+  UniqueFd connectDaemon() {
+    listener_ = listenAt(path_);
+    bridge().adoptPath(path_, true);
+    env_->runUntilIdle();
+    return acceptOne(listener_);
+  }
+  void send(Json event) {
+    bridge().send(std::move(event));
+    env_->runUntilIdle();
+  }
+  std::size_t logged(const std::string& text) { return logs_->countContaining(text); }
+  std::size_t applied() { return logged("bridge: applied enforcement policy push"); }
+
+  ScopedLogCapture logs_;
+  std::shared_ptr<SimulatedRuntime> env_ = SimulatedRuntime::create();
+  std::string dir_, path_;
+  UniqueFd listener_;
+  std::shared_ptr<DaemonBridge> bridge_;
+};
+
+TEST(ResolveSocketTest, FirstNonEmptyTextWinsElseTheHomeDirectoryDefault) {
+  const Json nested = {{"socketPath", "/n"}};
+  const std::string home = homeDirectory() + "/.tarnwick/ne.sock";
+  for (const auto& [options, path] : std::vector<std::pair<std::optional<Json>, std::string>>{
+           {Json{{"providerConfiguration", nested}}, "/n"},
+           {Json{{"socketPath", "/t"}, {"providerConfiguration", nested}}, "/t"},
+           {Json{{"socketPath", ""}, {"providerConfiguration", nested}}, "/n"},
+           {Json{{"socketPath", 7}, {"providerConfiguration", nested}}, "/n"},
+           {Json{{"socketPath", ""}, {"providerConfiguration", {{"socketPath", ""}}}}, home},
+           {Json{{"providerConfiguration", Json::array({"/x"})}}, home},
+           {std::nullopt, home}}) {
+    SCOPED_TRACE(options ? options->dump() : "absent");
+    const auto resolved = DaemonBridge::resolveSocket(options);
+    EXPECT_EQ(resolved.path, path);
+    EXPECT_EQ(resolved.real, path != home);
+  }
+}
+
+TEST_F(BridgeTest, ConnectsWhenThePathChangesAndADefaultNeverReplacesAConfiguredPath) {
+  const UniqueFd a = listenAt(dir_ + "/a"), b = listenAt(dir_ + "/b");
+  // c is missing; then a is configured, a default b ignored, a kept while open, b configured.
+  for (const auto& [name, real] :
+       {std::pair{"c", false}, {"a", true}, {"b", false}, {"a", true}, {"b", true}}) {
+    bridge().adoptPath(dir_ + "/" + name, real);
+    env_->runUntilIdle();
+  }
+  EXPECT_EQ(logged("bridge: connect(" + dir_ + "/c) failed"), 1u);
+  EXPECT_EQ(logged("bridge: connected to " + dir_ + "/a"), 1u);
+  EXPECT_EQ(logged("bridge: connected to " + dir_ + "/b"), 1u);
+  EXPECT_EQ(logged("bridge: connected to"), 2u);
+}
+
+TEST_F(BridgeTest, MissingDaemonIsRetriedEveryTwoSecondsWhileEventsAreDropped) {
+  bridge().adoptPath(path_, true);
+  for (int tick = 0; tick < 100; ++tick) {  // one event every 100 ms for 10 s
+    bridge().send(alive(tick));
+    env_->advance(100ms);
+  }
+  EXPECT_EQ(logged("bridge: connect(" + path_ + ") failed errno=2"), 6u) << "at 0, 2, .. 10 s";
+  EXPECT_EQ(logged("bridge: send dropped"), 100u);
+  listener_ = listenAt(path_);
+  env_->advance(1999ms);
+  EXPECT_EQ(logged("bridge: connected to"), 0u);
+  env_->advance(1ms);
+  EXPECT_TRUE(acceptOne(listener_));
+}
+
+TEST_F(BridgeTest, EachEventIsOneCompactLineAndUnwritableEventsAreSkipped) {
+  const UniqueFd daemon = connectDaemon();
+  const Json relayOpen = {
+      {"kind", "relay.open"}, {"pid", 42}, {"dest_host", "example.com"}, {"dest_port", 0}};
+  const double infinity = std::numeric_limits<double>::infinity();
+  for (const Json& event : {alive(1), Json("not an object"), relayOpen, Json(5),
+                            Json{{"kind", "x"}, {"v", {1.5, infinity}}},
+                            Json{{"kind", "quic.deny"}, {"signing_id", "a\xff"}}}) {
+    bridge().send(event);
+  }
+  env_->runUntilIdle();
+  EXPECT_EQ(drain(daemon),
+            R"({"kind":"proxyext.alive","ts":1})"
+            "\n"
+            R"({"dest_host":"example.com","dest_port":0,"kind":"relay.open","pid":42})"
+            "\n{\"kind\":\"quic.deny\",\"signing_id\":\"a\xef\xbf\xbd\"}\n");
+}
+
+TEST_F(BridgeTest, DaemonThatStopsReadingCostsOneWriteBoundedByTheSendTimeout) {
+  const UniqueFd daemon = connectDaemon();  // accepted, never read
+  const Json big = {{"kind", "relay.open"}, {"signing_id", std::string(64 * 1024, 's')}};
+  const auto start = std::chrono::steady_clock::now();
+  for (int i = 0; i < 40; ++i) send(big);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 4 * DaemonBridge::kSendTimeout);
+  EXPECT_EQ(logged("bridge: write failed"), 1u) << "the sends after it are dropped at once";
+}
+
+TEST_F(BridgeTest, SeversDuringAnOutageAreReportedFirstOnTheNextConnection) {
+  UniqueFd daemon = connectDaemon();
+  bridge().recordCommittedSeverIfUnhealthy();  // connected: not counted
+  daemon.reset();
+  listener_.reset();
+  std::filesystem::remove(path_);
+  send(alive(1));  // the write fails: the daemon is gone
+  for (int i = 0; i < 3; ++i) bridge().recordCommittedSeverIfUnhealthy();
+  env_->runUntilIdle();
+  EXPECT_EQ(env_->nextDeadline(), env_->monotonicNow() + 2s) << "one retry pending";
+
+  listener_ = listenAt(path_);
+  env_->advance(2s);
+  daemon = acceptOne(listener_);
+  send(alive(3));
+  // The simulated wall clock starts at 2026-01-01T00:00:00Z; the retry came 2 s later.
+  EXPECT_EQ(drain(daemon), R"({"count":3,"kind":"proxy.env.dead","ts":1767225602000000000})"
+                           "\n" +
+                               alive(3).dump() + "\n");
+
+  bridge().reconnect(path_);
+  env_->runUntilIdle();
+  daemon = acceptOne(listener_);
+  send(alive(4));
+  EXPECT_EQ(drain(daemon), alive(4).dump() + "\n") << "the count was cleared by its flush";
+}
+
+struct InboundCase {
+  const char* name;
+  std::vector<std::string> writes;  // each written separately, the bridge run in between
+  std::size_t pushes;
+};
+
+void PrintTo(const InboundCase& c, std::ostream* out) { *out << c.name; }
+
+class InboundTest : public BridgeTest, public ::testing::WithParamInterface<InboundCase> {};
+
+TEST_P(InboundTest, EachCompletePolicyPushLineReplacesTheProcessPolicyOnce) {
+  EnforcementPolicy& policy = EnforcementPolicy::shared();
+  const auto decide = [&] { return policy.decide(7, "/usr/bin/curl", "api.blocked.example"); };
+  policy.update(Json::parse(R"({"agents":{"/usr/bin/curl":{"mode":"enforce","restrict":"deny",)"
+                            R"("deny":["*.blocked.example"]}}})"));
+  const UniqueFd daemon = connectDaemon();
+  for (const std::string& bytes : GetParam().writes) {
+    write(daemon, bytes);
+    env_->runUntil([] { return false; }, 20ms);
+  }
+  write(daemon, kPush + "\n");  // applied last: every line before it has been handled
+  EXPECT_TRUE(env_->runUntil([&] { return applied() == GetParam().pushes + 1; }));
+  EXPECT_EQ(decide(), EnforcementPolicy::Verdict::Allow) << "the last push replaced the policy";
+  EXPECT_EQ(drain(daemon), "") << "nothing is answered";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Daemon, InboundTest,
+    ::testing::Values(
+        InboundCase{"TwoLinesInOneWrite", {kPush + "\n" + kPush + "\n"}, 2},
+        InboundCase{"LineOverSeveralWrites",
+                    {kPush.substr(0, 5), kPush.substr(5, 10), kPush.substr(15) + "\r\n"},
+                    1},
+        InboundCase{"GarbageLines",
+                    {"\n\r\n[1,2]\n42\nnot json\n{\"kind\":\"relay.open\"}\n{\"kind\":1}\n[" +
+                     kPush + "]\n" + kPush + " x\n{\"kind\":\"policy.push\",\"a\":\"\xff\"}\n"},
+                    0},
+        InboundCase{"OverlongLineDroppedNextLineWhole",
+                    {std::string(LineBuffer::kMaxBufferedBytes + 1000, 'x'), "x\n" + kPush + "\n"},
+                    1}),
+    CaseName{});
+
+TEST_F(BridgeTest, DestroyingTheBridgeEndsItsBlockedReadLoop) {
+  const UniqueFd daemon = connectDaemon();
+  bridge_.reset();  // joins the read queue: returns only once the blocked read has ended
+  char byte;
+  EXPECT_EQ(::recv(daemon.get(), &byte, 1, MSG_DONTWAIT), 0) << "the connection has ended";
+}
+
+// The daemon companion's server pushes its policy line on every connection it serves and hands
+// on each line it receives; its thread reports through a simulated queue so runUntil() sees it.
+TEST_F(BridgeTest, DaemonToolPushesOnEveryConnectionAndReceivesEachEvent) {
+  const auto queue = env_->makeQueue("daemon", QualityOfService::Default);
+  std::vector<std::string> events;
+  const auto onEvent = [&events, queue](std::string_view line) {
+    queue->async([&events, line = std::string(line)] { events.push_back(line); });
+  };
+  std::string error;
+  const auto server = daemon::DaemonServer::create(dir_ + "/sub/ne.sock", kPush + "\n",
+                                                   {onEvent, [](std::string_view) {}}, error);
+  ASSERT_TRUE(server) << error;
+  std::thread thread([&] { server->run(); });
+  bridge().adoptPath(server->path(), true);
+  EXPECT_TRUE(env_->runUntil([&] { return applied() == 1; }));
+  send(alive(1));
+  bridge().reconnect(server->path());
+  EXPECT_TRUE(env_->runUntil([&] { return applied() == 2; }));
+  send(alive(2));
+  EXPECT_TRUE(env_->runUntil([&] { return events.size() == 2; }));
+  EXPECT_EQ(events, (std::vector<std::string>{R"({"kind":"proxyext.alive","ts":1})",
+                                              R"({"kind":"proxyext.alive","ts":2})"}));
+  server->stop();
+  thread.join();
+}
+
+}  // namespace
+}  // namespace tarnwick

@@ -1,0 +1,106 @@
+// The front door on real loopback connections: every mode and every answer, as a client sees
+// them and as the front door logs them.
+
+#include <gmock/gmock.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <fstream>
+
+#include "ConnectRequest.h"
+#include "FrontDoorHarness.h"
+#include "platform/posix/Sockets.h"
+
+namespace tarnwick::frontdoor {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Connects, sends `bytes` from another thread and half-closes, and returns what comes back
+// until the end of the stream (or 5 s without a byte).
+std::string talk(const SocketAddress& address, const std::string& bytes) {
+  const UniqueFd fd(::socket(address.family(), SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const timeval patience{5, 0};
+  ::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+  if (::connect(fd.get(), address.get(), address.length) != 0)
+    return "errno " + std::to_string(errno);
+  std::jthread writer([&] {
+    ::send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);  // a blocking send sends it all
+    ::shutdown(fd.get(), SHUT_WR);
+  });
+  std::string received;
+  char buffer[64 * 1024];
+  for (ssize_t n; (n = ::recv(fd.get(), buffer, sizeof(buffer), 0)) > 0;)
+    received.append(buffer, n);
+  return received;
+}
+
+std::string head(const std::string& authority, const std::string& headers = "") {
+  return "CONNECT " + authority + " HTTP/1.1\r\n" + headers + "\r\n";
+}
+
+TEST(FrontDoorTest, AnswersRelaysAndLogsEachConnectionInEveryMode) {
+  EchoServer echo, echo6("::1");
+  const std::string to = "127.0.0.1:" + std::to_string(echo.port());
+  std::string error;
+  const UniqueFd closed = bindTcpSocket(*literalAddress("127.0.0.1", 0), error);  // no listen
+  const std::string nowhere = formatAddress(*localAddress(closed.get()));
+  std::ifstream file(TARNWICK_HELLO_DIR "/openssl_h2.bin", std::ios::binary);
+  const std::string hello(std::istreambuf_iterator<char>(file), {});
+  const std::string ack = "HTTP/1.1 200 Connection established\r\n\r\n";
+  const std::string badRequest = "HTTP/1.1 400 Bad Request\r\n\r\n";
+  const auto padded = [&](std::size_t size) {
+    std::string bytes = head(to, "X-Pad: \r\n");
+    return bytes.insert(bytes.size() - 4, size - bytes.size(), 'p');
+  };
+  // Bytes whose value depends on their position, so a lost, doubled or reordered chunk shows.
+  std::string mib(1 << 20, '\0');
+  for (std::size_t i = 0; i < mib.size(); ++i) mib[i] = static_cast<char>(i * 7 + i / 251);
+  const std::string n = std::to_string(hello.size());
+  // Each row: the mode, what the client sends, what it gets back and a part of the log line.
+  for (const auto& [mode, sent, received, logged] : std::vector<std::array<std::string, 4>>{
+           {"normal", head("[::1]:" + std::to_string(echo6.port())) + mib, ack + mib,
+            " up=1048576 down=1048576 result=closed"},
+           // A first answer of ::1 is refused (the echo is on 127.0.0.1) and the next tried.
+           {"normal", head("localhost:" + std::to_string(echo.port())) + "early", ack + "early",
+            " up=5 down=5 result=closed"},
+           {"normal",
+            head(to,
+                 "X-Brask-Pid: 4242\r\nX-Brask-Signing-Id: /opt/My Agent\\\xff\r\n"
+                 "X-Brask-Trace: 9f3c\r\n") +
+                hello,
+            ack + hello,
+            "conn pid=4242 signing=/opt/My\\x20Agent\\x5c\\xff trace=9f3c dest=" + to +
+                " sni=api.example.com alpn=h2,http/1.1 up=" + n + " down=" + n + " result=closed"},
+           {"normal", padded(kMaxHeadBytes), ack, " up=0 down=0 result=closed"},
+           {"normal", padded(kMaxHeadBytes + 1), badRequest, "result=head-too-large"},
+           {"normal", head(nowhere), "HTTP/1.1 502 Bad Gateway\r\n\r\n",
+            "dest=" + nowhere + " sni=- alpn=- up=0 down=0 result=dial-failed"},
+           {"normal", "CONNECT " + to + " HTTP/1.1\r\n", badRequest, "result=bad-request"},
+           {"normal", "", "",
+            "pid=- signing=- trace=- dest=- sni=- alpn=- up=0 down=0 result=no-request"},
+           {"slow-ack", head(to) + "late", ack + "late", " result=closed"},
+           {"refuse", "", "errno " + std::to_string(ECONNREFUSED), ""},
+           {"silent", head(to) + "ignored", "", "result=silent"},
+           {"reject", head(to) + "more", "HTTP/1.1 407 Proxy Authentication Required\r\n\r\n",
+            " up=4 down=0 result=rejected"},
+           {"ack-then-close", head(to), ack, "result=acked-closed"},
+           {"ack-then-silence", head(to) + "ignored", ack, "result=acked-silent"},
+           {"garbage", head(to, "X-Brask-Pid: 7\r\n"),
+            "\xff\xfe\x01garbage\x7f\x80 no status here\r\n\r\n", "pid=7 "}}) {
+    SCOPED_TRACE(mode + ": " + sent.substr(0, 60));
+    RunningFrontDoor frontDoor({.listen = {"127.0.0.1", 0},
+                                .mode = *modeFromName(mode),
+                                .ackDelaySeconds = 0.05,
+                                .lingerSeconds = 0.02});
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(talk(frontDoor.address(), sent) == received);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, mode == "slow-ack" ? 50ms : 0ms);
+    const std::size_t connections = mode == "refuse" ? 0 : 1;
+    using namespace ::testing;
+    EXPECT_THAT(frontDoor.lines(connections), AllOf(SizeIs(connections), Each(HasSubstr(logged))));
+  }
+}
+
+}  // namespace
+}  // namespace tarnwick::frontdoor
