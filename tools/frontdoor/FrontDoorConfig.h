@@ -20,7 +20,7 @@ struct FrontDoorConfig {
   // SO_MARK for every upstream socket. An interceptor on the same host leaves sockets with its
   // mark alone, so the front door's own connections go straight out instead of being redirected
   // back into the interceptor and carried by it. Setting a mark needs CAP_NET_ADMIN.
-  std::optional<std::uint32_t> upstreamMark;
+  std::optional<std::uint32_t> upstreamMark = std::nullopt;
   // A destination that swallows SYNs would otherwise hold a connection for the kernel's
   // minutes-long retry schedule before the 502.
   double dialTimeoutSeconds = 10.0;
