@@ -35,12 +35,12 @@ TEST(FrontDoorParsingTest, HostPortIsBracketedForIpv6AndRefusedWhenMalformed) {
 
 TEST(FrontDoorParsingTest, CommandLineTakesBothOptionFormsAndRefusesBadValues) {
   const auto parsed = parseCommandLine(std::vector<std::string_view>{
-      "--listen", "[::1]:0", "--mode=ack-then-silence", "--delay", "0.25", "-h"});
+      "--listen", "[::1]:0", "--mode=ack-then-silence", "--delay", "0.25", "--mark=0x7477", "-h"});
   ASSERT_TRUE(std::holds_alternative<CommandLine>(parsed));
   const auto& [config, help] = std::get<CommandLine>(parsed);
   EXPECT_TRUE(config.listen == (HostPort{"::1", 0}) &&
               config.mode == FrontDoorMode::AckThenSilence && config.ackDelaySeconds == 0.25 &&
-              help);
+              config.upstreamMark == 0x7477u && help);
   for (const auto& args : std::vector<std::vector<std::string_view>>{{"--port", "1"},
                                                                      {"--mode"},
                                                                      {"--mode", "flaky"},
@@ -48,7 +48,9 @@ TEST(FrontDoorParsingTest, CommandLineTakesBothOptionFormsAndRefusesBadValues) {
                                                                      {"--delay", "-1"},
                                                                      {"--delay", "soon"},
                                                                      {"--delay", "nan"},
-                                                                     {"--delay", "1e9"}}) {
+                                                                     {"--delay", "1e9"},
+                                                                     {"--mark", "0x"},
+                                                                     {"--mark", "4294967296"}}) {
     EXPECT_TRUE(std::holds_alternative<UsageError>(parseCommandLine(args))) << args[0];
   }
 }
