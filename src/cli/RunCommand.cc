@@ -9,7 +9,7 @@
 #include <regex>
 
 #include "cli/Command.h"
-#include "cli/OptionReader.h"
+#include "platform/OptionReader.h"
 #include "host/HostLog.h"
 #include "host/ProxyHost.h"
 #include "host/StartOptionsFile.h"

@@ -4,7 +4,7 @@
 #include <cstdio>
 
 #include "cli/Command.h"
-#include "cli/OptionReader.h"
+#include "platform/OptionReader.h"
 #include "host/ControlServer.h"
 #include "host/HostSettings.h"
 #include "platform/Json.h"

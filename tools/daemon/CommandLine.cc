@@ -2,47 +2,29 @@
 
 #include <optional>
 
+#include "platform/OptionReader.h"
+
 namespace tarnwick::daemon {
-namespace {
-
-std::optional<UsageError> apply(std::string_view name, std::string_view value, CommandLine& line) {
-  if (value.empty()) return UsageError{"option '" + std::string(name) + "' needs a value"};
-  if (name == "--socket") {
-    line.config.socketPath = std::string(value);
-  } else if (name == "--push") {
-    line.config.pushFile = std::string(value);
-  } else {
-    return UsageError{"unknown option '" + std::string(name) + "'"};
-  }
-  return std::nullopt;
-}
-
-}  // namespace
 
 std::variant<CommandLine, UsageError> parseCommandLine(std::span<const std::string_view> args) {
   CommandLine line;
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    std::string_view name = args[i];
-    if (name == "--help" || name == "-h") {
+  OptionReader reader({args.begin(), args.end()});
+  while (const auto name = reader.next()) {
+    if (*name == "--help" || *name == "-h") {
       line.help = true;
-      continue;
-    }
-    if (name == "--json") {
+    } else if (*name == "--json") {
       line.config.json = true;
-      continue;
-    }
-    std::string_view value;
-    if (const auto equals = name.find('='); equals != std::string_view::npos) {
-      value = name.substr(equals + 1);
-      name = name.substr(0, equals);
-    } else if (name == "--socket" || name == "--push") {
-      if (i + 1 == args.size())
-        return UsageError{"option '" + std::string(name) + "' needs a value"};
-      value = args[++i];
+    } else if (*name == "--socket" || *name == "--push") {
+      const auto value = reader.value();
+      if (!value || value->empty()) return UsageError{"option '" + *name + "' needs a value"};
+      if (*name == "--socket") {
+        line.config.socketPath = *value;
+      } else {
+        line.config.pushFile = *value;
+      }
     } else {
-      return UsageError{"unknown option '" + std::string(name) + "'"};
+      return UsageError{"unknown option '" + *name + "'"};
     }
-    if (auto error = apply(name, value, line)) return *error;
   }
   return line;
 }

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <optional>
 
+#include "platform/OptionReader.h"
+
 namespace tarnwick::frontdoor {
 namespace {
 
@@ -15,19 +17,6 @@ std::optional<double> parseSeconds(std::string_view text) {
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
   if (text.empty() || error != std::errc{} || end != text.data() + text.size()) return std::nullopt;
   if (!std::isfinite(value) || value < 0 || value > kMaxDelaySeconds) return std::nullopt;
-  return value;
-}
-
-// Decimal, or hexadecimal after "0x" as nft prints marks.
-std::optional<std::uint32_t> parseMark(std::string_view text) {
-  int base = 10;
-  if (text.starts_with("0x") || text.starts_with("0X")) {
-    text.remove_prefix(2);
-    base = 16;
-  }
-  std::uint32_t value = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
-  if (text.empty() || error != std::errc{} || end != text.data() + text.size()) return std::nullopt;
   return value;
 }
 
@@ -49,9 +38,9 @@ std::optional<UsageError> apply(std::string_view name, std::string_view value, C
       return UsageError{"--delay wants seconds from 0 to 86400, got '" + std::string(value) + "'"};
     line.config.ackDelaySeconds = *seconds;
   } else if (name == "--mark") {
-    auto mark = parseMark(value);
+    auto mark = parseUnsigned(std::string(value), 0xffffffffUL);
     if (!mark) return UsageError{"--mark wants a 32-bit number, got '" + std::string(value) + "'"};
-    line.config.upstreamMark = *mark;
+    line.config.upstreamMark = static_cast<std::uint32_t>(*mark);
   } else {
     return UsageError{"unknown option '" + std::string(name) + "'"};
   }
@@ -62,22 +51,15 @@ std::optional<UsageError> apply(std::string_view name, std::string_view value, C
 
 std::variant<CommandLine, UsageError> parseCommandLine(std::span<const std::string_view> args) {
   CommandLine line;
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    std::string_view name = args[i];
-    if (name == "--help" || name == "-h") {
+  OptionReader reader({args.begin(), args.end()});
+  while (const auto name = reader.next()) {
+    if (*name == "--help" || *name == "-h") {
       line.help = true;
       continue;
     }
-    std::string_view value;
-    if (const auto equals = name.find('='); equals != std::string_view::npos) {
-      value = name.substr(equals + 1);
-      name = name.substr(0, equals);
-    } else if (i + 1 < args.size()) {
-      value = args[++i];
-    } else {
-      return UsageError{"option '" + std::string(name) + "' needs a value"};
-    }
-    if (auto error = apply(name, value, line)) return *error;
+    const auto value = reader.value();
+    if (!value) return UsageError{reader.error()};
+    if (auto error = apply(*name, *value, line)) return *error;
   }
   return line;
 }

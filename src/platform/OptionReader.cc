@@ -1,11 +1,11 @@
-#include "cli/OptionReader.h"
+#include "platform/OptionReader.h"
 
 #include <charconv>
 #include <utility>
 
 #include "platform/Text.h"
 
-namespace tarnwick::cli {
+namespace tarnwick {
 
 std::optional<std::string> OptionReader::next() {
   if (index_ >= args_.size()) return std::nullopt;
@@ -43,4 +43,4 @@ std::optional<unsigned long> parseUnsigned(const std::string& text, unsigned lon
   return value;
 }
 
-}  // namespace tarnwick::cli
+}  // namespace tarnwick

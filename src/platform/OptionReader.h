@@ -1,16 +1,16 @@
 #pragma once
-// Reads a subcommand's "--name VALUE" and "--name=VALUE" options in order, so each command
-// only says what its names mean.
+// Reads "--name VALUE" and "--name=VALUE" options in order, so each command line (the
+// interceptor's subcommands, the front door, the daemon) only says what its names mean.
 
 #include <optional>
 #include <string>
 #include <vector>
 
-namespace tarnwick::cli {
+namespace tarnwick {
 
 class OptionReader {
  public:
-  explicit OptionReader(const std::vector<std::string>& args) : args_(args) {}
+  explicit OptionReader(std::vector<std::string> args) : args_(std::move(args)) {}
 
   // The next option's name ("--listen-port"), or absent at the end. An argument that is not an
   // option comes back as it is; the caller rejects it.
@@ -22,7 +22,7 @@ class OptionReader {
   void fail(std::string error) { error_ = std::move(error); }
 
  private:
-  const std::vector<std::string>& args_;
+  const std::vector<std::string> args_;
   std::size_t index_ = 0;
   std::string name_;
   std::optional<std::string> inline_value_;
@@ -32,4 +32,4 @@ class OptionReader {
 // A decimal or 0x-prefixed hexadecimal unsigned number no larger than `maximum`.
 std::optional<unsigned long> parseUnsigned(const std::string& text, unsigned long maximum);
 
-}  // namespace tarnwick::cli
+}  // namespace tarnwick
