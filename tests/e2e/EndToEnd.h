@@ -222,6 +222,10 @@ class EndToEndTest : public ::testing::Test {
       GTEST_SKIP() << "end-to-end tests need root for network namespaces and nftables; "
                       "run them with sudo (make test does)";
     }
+    // What a test process killed outright (at a CTest timeout) left behind goes first.
+    shell(
+        "for f in /run/netns/tw-e2e-*; do p=${f#*e2e-*-}; kill -0 ${p%-*} || "
+        "{ ip netns pids ${f##*/} | xargs -r kill -9; ip netns del ${f##*/}; }; done");
     static int labs = 0;
     const std::string suffix = std::to_string(getpid()) + "-" + std::to_string(labs++);
     char directory[] = "/tmp/tw-e2e.XXXXXX";
