@@ -27,6 +27,8 @@ struct Case {
   const char* out;  // exact standard output
 };
 
+void PrintTo(const Case& c, std::ostream* os) { *os << c.line; }
+
 class CommandTest : public ::testing::TestWithParam<Case> {};
 
 // Standard error carries exactly the failures. CTest runs cases in parallel processes, so the
@@ -37,8 +39,7 @@ TEST_P(CommandTest, Runs) {
   std::istringstream words(GetParam().line);
   for (std::string word; words >> word;)
     args.push_back(word == "$P" ? policy : word == "$H" ? TARNWICK_HELLO_DIR "/curl.bin" : word);
-  const auto command = std::find_if(commandRegistry().begin(), commandRegistry().end(),
-                                    [&](const Command& c) { return c.name == args[0]; });
+  const auto command = std::ranges::find(commandRegistry(), args[0], &Command::name);
   ASSERT_NE(command, commandRegistry().end()) << args[0];
   std::ofstream(policy) << R"({"kind":"policy.push","version":1,"deny":["evil.net"],
     "agents":{"/bin/a":{"mode":"enforce","restrict":"allow","allow":["*.ok.net"]}},
