@@ -1,12 +1,14 @@
+// The sni and policy-decide subcommands, run in-process through their registrations.
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <filesystem>
+#include <algorithm>
 #include <fstream>
-#include <string>
-#include <vector>
+#include <sstream>
 
 #include "cli/Command.h"
+#include "platform/testing/CaseName.h"
 
 namespace tarnwick::cli {
 
@@ -18,132 +20,56 @@ std::vector<Command>& commandRegistry() {
 
 namespace {
 
-struct Outcome {
-  int status;
-  std::string out;
-  std::string err;
-};
-
-Outcome run(const std::string& name, const std::vector<std::string>& args) {
-  for (const auto& command : commandRegistry()) {
-    if (command.name != name) continue;
-    ::testing::internal::CaptureStdout();
-    ::testing::internal::CaptureStderr();
-    const int status = command.run(args);
-    std::string out = ::testing::internal::GetCapturedStdout();
-    return {status, std::move(out), ::testing::internal::GetCapturedStderr()};
-  }
-  ADD_FAILURE() << "no command " << name;
-  return {-1, "", ""};
-}
-
-std::string hello(const std::string& name) {
-  return (std::filesystem::path(TARNWICK_HELLO_DIR) / (name + ".bin")).string();
-}
-
-struct CommandCase {
+struct Case {
   const char* name;
-  const char* command;
-  std::vector<std::string> args;
+  const char* line;  // the command and its arguments; $P is a policy file, $H a ClientHello
   int status;
-  const char* out;  // exact standard output; nullptr: anything
-  bool errorLine;   // something on standard error
+  const char* out;  // exact standard output
 };
 
-struct CaseName {
-  template <typename Param>
-  std::string operator()(const ::testing::TestParamInfo<Param>& param) const {
-    return param.param.name;
-  }
-};
+void PrintTo(const Case& c, std::ostream* os) { *os << c.line; }
 
-class CommandTest : public ::testing::TestWithParam<CommandCase> {};
+class CommandTest : public ::testing::TestWithParam<Case> {};
 
+// Standard error carries exactly the failures. CTest runs cases in parallel processes, so the
+// policy file is per process.
 TEST_P(CommandTest, Runs) {
-  const auto& c = GetParam();
-  const Outcome outcome = run(c.command, c.args);
-  EXPECT_EQ(outcome.status, c.status) << outcome.err;
-  if (c.out != nullptr) {
-    EXPECT_EQ(outcome.out, c.out);
-  }
-  EXPECT_EQ(!outcome.err.empty(), c.errorLine) << outcome.err;
+  const std::string policy = ::testing::TempDir() + std::to_string(::getpid()) + "-policy.json";
+  std::vector<std::string> args;
+  std::istringstream words(GetParam().line);
+  for (std::string word; words >> word;)
+    args.push_back(word == "$P" ? policy : word == "$H" ? TARNWICK_HELLO_DIR "/curl.bin" : word);
+  const auto command = std::ranges::find(commandRegistry(), args[0], &Command::name);
+  ASSERT_NE(command, commandRegistry().end()) << args[0];
+  std::ofstream(policy) << R"({"kind":"policy.push","version":1,"deny":["evil.net"],
+    "agents":{"/bin/a":{"mode":"enforce","restrict":"allow","allow":["*.ok.net"]}},
+    "pids":{"42":{"mode":"monitor","restrict":"deny","deny":["x.net"]}}})";
+  ::testing::internal::CaptureStdout();
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(command->run({args.begin() + 1, args.end()}), GetParam().status);
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), GetParam().out);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr().empty(), GetParam().status == 0);
+  ::unlink(policy.c_str());
 }
-
-// CTest runs each case in a process of its own, several at once: each writes its own files, and
-// removes them when it exits.
-struct ProcessFile {
-  ProcessFile(const std::string& name, const std::string& content)
-      : path(std::filesystem::path(::testing::TempDir()) /
-             (std::to_string(::getpid()) + "-" + name)) {
-    std::ofstream(path) << content;
-  }
-  ~ProcessFile() { std::filesystem::remove(path); }
-  std::filesystem::path path;
-};
-
-const ProcessFile kPolicyFile("cli-policy.json",
-                              R"({"kind":"policy.push","version":1,"deny":["evil.net"],
-      "agents":{"/usr/bin/agent":{"mode":"enforce","restrict":"allow","allow":["*.ok.net"]}},
-      "pids":{"42":{"mode":"monitor","restrict":"deny","deny":["x.net"]}}})");
-const std::string kPolicy = kPolicyFile.path.string();
-
-const ProcessFile kNotObjectFile("cli-array.json", "[1,2]");
-const std::string kNotObject = kNotObjectFile.path.string();
 
 INSTANTIATE_TEST_SUITE_P(
     Commands, CommandTest,
     ::testing::Values(
-        CommandCase{"SniOfRealHello",
-                    "sni",
-                    {hello("curl")},
-                    0,
-                    "{\"serverName\":\"www.example.org\",\"alpn\":[\"h2\",\"http/1.1\"]}\n",
-                    false},
-        CommandCase{
-            "SniOfNonHello", "sni", {kNotObject}, 0, "{\"serverName\":null,\"alpn\":[]}\n", false},
-        CommandCase{"SniMissingFile", "sni", {"/nonexistent/hello.bin"}, 2, "", true},
-        CommandCase{"SniUnknownOption", "sni", {"--verbose"}, 2, "", true},
-        CommandCase{"SniHelp", "sni", {"--help"}, 0, nullptr, false},
-        CommandCase{"DecideAllowListed",
-                    "policy-decide",
-                    {"--policy", kPolicy, "--pid", "7", "--signing-id", "/usr/bin/agent", "--sni",
-                     "a.ok.net"},
-                    0,
-                    "allow\n",
-                    false},
-        CommandCase{
-            "DecideDropped",
-            "policy-decide",
-            {"--policy=" + kPolicy, "--pid=7", "--signing-id=/usr/bin/agent", "--sni=other.net"},
-            0,
-            "drop\n",
-            false},
-        CommandCase{"DecideWouldBlockByPid",
-                    "policy-decide",
-                    {"--policy", kPolicy, "--pid", "42", "--sni", "x.net"},
-                    0,
-                    "wouldBlock\n",
-                    false},
-        CommandCase{"DecideNotAnObject",
-                    "policy-decide",
-                    {"--policy", kNotObject, "--pid", "1", "--sni", "a"},
-                    2,
-                    "",
-                    true},
-        CommandCase{
-            "DecideMissingSni", "policy-decide", {"--policy", kPolicy, "--pid", "1"}, 2, "", true},
-        CommandCase{"DecideBadPid",
-                    "policy-decide",
-                    {"--policy", kPolicy, "--pid", "4294967296", "--sni", "a"},
-                    2,
-                    "",
-                    true},
-        CommandCase{"DecideUnknownOption",
-                    "policy-decide",
-                    {"--policy", kPolicy, "--pid", "1", "--sni", "a", "--verbose"},
-                    2,
-                    "",
-                    true}),
+        Case{"SniOfRealHello", "sni $H", 0,
+             "{\"serverName\":\"www.example.org\",\"alpn\":[\"h2\",\"http/1.1\"]}\n"},
+        Case{"SniOfNonHello", "sni $P", 0, "{\"serverName\":null,\"alpn\":[]}\n"},
+        Case{"SniMissingFile", "sni /nonexistent/hello.bin", 2, ""},
+        Case{"SniUnknownOption", "sni --verbose", 2, ""},
+        Case{"DecideAllowListed",
+             "policy-decide --policy $P --pid 7 --signing-id /bin/a --sni a.ok.net", 0, "allow\n"},
+        Case{"DecideDropped", "policy-decide --policy $P --pid=7 --signing-id=/bin/a --sni=b.net",
+             0, "drop\n"},
+        Case{"DecideWouldBlockByPid", "policy-decide --policy $P --pid 42 --sni x.net", 0,
+             "wouldBlock\n"},
+        Case{"DecideUnreadablePolicy", "policy-decide --policy $H --pid 1 --sni a", 2, ""},
+        Case{"DecideMissingSni", "policy-decide --policy $P --pid 1", 2, ""},
+        Case{"DecideBadPid", "policy-decide --policy $P --pid 4294967296 --sni a", 2, ""},
+        Case{"DecideUnknownOption", "policy-decide --policy $P --pid 1 --sni a -v", 2, ""}),
     CaseName());
 
 }  // namespace

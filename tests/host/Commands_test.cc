@@ -1,84 +1,208 @@
-// The run and watch commands' arguments and start-up failures: one line on stderr and exit
-// status 2 for what cannot start, 1 for a watch that got no good reply.
+// The run and watch commands as a user runs them. What cannot start exits with status 2 (a
+// watch without a good reply with 1) and says why in one line. As root, `run` intercepts for
+// real inside a network namespace of its own (test addresses in 198.18.0.0/15 and fd00:7477::/64
+// only), and what it installed goes with it however it ends.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <fstream>
+#include <functional>
+#include <thread>
+
+#include "HostTesting.h"
+#include "host/FlowIdentifier.h"
+#include "host/OriginalDestination.h"
+#include "identity/AuditToken.h"
+#include "platform/posix/Sockets.h"
+#include "platform/testing/CaseName.h"
 
 namespace tarnwick::host {
 namespace {
 
-struct Outcome {
-  int status = -1;
-  std::string stderrText;
-};
-
-Outcome runCommand(const std::string& args) {
-  const std::string errPath = ::testing::TempDir() + "cmd-" + std::to_string(::getpid()) + ".err";
-  const std::string command =
-      std::string(TARNWICK_PROXYEXT_BINARY) + " " + args + " >/dev/null 2>" + errPath;
-  const int status = std::system(command.c_str());
-  std::ifstream file(errPath);
-  Outcome outcome{WIFEXITED(status) ? WEXITSTATUS(status) : -1,
-                  std::string(std::istreambuf_iterator<char>(file), {})};
-  ::unlink(errPath.c_str());
-  return outcome;
+std::string shell(const std::string& command) {
+  std::string output;
+  FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
+  for (int c; pipe && (c = std::fgetc(pipe)) != EOF;) output += static_cast<char>(c);
+  if (pipe) ::pclose(pipe);
+  return output;
 }
 
-struct CommandCase {
+// `tarnwick-proxyext ARGS` in the background (inside network namespace `ns` if one is named),
+// its standard error kept in a file.
+class Command {
+ public:
+  explicit Command(const std::string& args, const std::string& ns = "")
+      : errors_(::testing::TempDir() + "cmd-" + std::to_string(::getpid()) + "-" +
+                std::to_string(reinterpret_cast<std::uintptr_t>(this)) + ".err") {
+    const std::string line = (ns.empty() ? "exec " : "exec ip netns exec " + ns + " ") +
+                             TARNWICK_PROXYEXT_BINARY + " " + args + " >/dev/null 2>" + errors_;
+    if ((pid_ = ::fork()) == 0) {
+      ::execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
+      ::_exit(127);
+    }
+  }
+  ~Command() {
+    exitStatus(SIGKILL);
+    ::unlink(errors_.c_str());
+  }
+  // The exit status, after `signal` if it still runs (0: just waits); -1 if it did not exit.
+  int exitStatus(int signal = 0) {
+    if (pid_ > 0 && signal != 0) ::kill(pid_, signal);
+    if (pid_ > 0) ::waitpid(pid_, &status_, 0);
+    pid_ = 0;
+    return WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
+  }
+  std::string errors() const { return shell("cat " + errors_); }
+
+ private:
+  const std::string errors_;
+  pid_t pid_ = 0;
+  int status_ = 0;
+};
+
+struct Case {
   const char* name;
   std::string args;
   int status;
+  const char* optionsFile = nullptr;  // when given, written to a file named as the options
 };
 
-class CommandsTest : public ::testing::TestWithParam<CommandCase> {};
+void PrintTo(const Case& c, std::ostream* os) { *os << c.args; }
 
+class CommandsTest : public ::testing::TestWithParam<Case> {};
+
+// An options file is named in its error; only root gets as far as reading it.
 TEST_P(CommandsTest, ExitsWithTheStatusAndAtMostOneLine) {
-  const Outcome outcome = runCommand(GetParam().args);
-  EXPECT_EQ(outcome.status, GetParam().status) << outcome.stderrText;
-  EXPECT_LE(std::count(outcome.stderrText.begin(), outcome.stderrText.end(), '\n'), 1)
-      << outcome.stderrText;
-  EXPECT_EQ(outcome.stderrText.empty(), outcome.status == 0) << outcome.stderrText;
+  const std::string path = ::testing::TempDir() + "options-" + std::to_string(::getpid());
+  if (GetParam().optionsFile) std::ofstream(path) << GetParam().optionsFile;
+  // Should the file be read as good, the run fails at once instead of intercepting this host.
+  const std::string file = " --options " + path + " --control-socket /nonexistent/s --table tw_no";
+  Command command(GetParam().args + (GetParam().optionsFile ? file : ""));
+  const int status = command.exitStatus();
+  const std::string errors = command.errors();
+  ::unlink(path.c_str());
+  EXPECT_EQ(status, GetParam().status) << errors;
+  EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), status == 0 ? 0 : 1) << errors;
+  EXPECT_TRUE(!GetParam().optionsFile || ::geteuid() != 0 ||
+              errors.find(path) != std::string::npos);
 }
-
-const std::string kMissing = "/nonexistent/tarnwick-options.json";
 
 INSTANTIATE_TEST_SUITE_P(
     Arguments, CommandsTest,
-    ::testing::Values(CommandCase{"RunHelp", "run --help", 0},
-                      CommandCase{"RunWithoutOptions", "run", 2},
-                      CommandCase{"RunUnknownOption", "run --options x --listen 1", 2},
-                      CommandCase{"RunPortZero", "run --options x --listen-port 0", 2},
-                      CommandCase{"RunPortTooLarge", "run --options x --listen-port=65536", 2},
-                      CommandCase{"RunMarkZero", "run --options x --mark 0", 2},
-                      CommandCase{"RunMarkNotANumber", "run --options x --mark 0xzz", 2},
-                      CommandCase{"RunTableWithBlank", "run --options x --table 'a b'", 2},
-                      CommandCase{"RunOptionWithoutValue", "run --options", 2},
-                      CommandCase{"RunUnreadableOptions", "run --options " + kMissing, 2},
-                      CommandCase{"WatchHelp", "watch --help", 0},
-                      CommandCase{"WatchPidNotANumber", "watch --pid abc", 2},
-                      CommandCase{"WatchUnknownOption", "watch --signing /bin/sh", 2},
-                      CommandCase{"WatchWithoutHost",
-                                  "watch --control-socket /nonexistent/sock --pid 1", 1}),
-    [](const auto& param) { return std::string(param.param.name); });
+    ::testing::Values(Case{"RunHelp", "run --help", 0}, Case{"RunWithoutOptions", "run", 2},
+                      Case{"RunPortZero", "run --options x --listen-port 0", 2},
+                      Case{"RunPortTooLarge", "run --options x --listen-port=65536", 2},
+                      Case{"RunMarkNotANumber", "run --options x --mark 0xzz", 2},
+                      Case{"RunTableWithBlank", "run --options x --table 'a b'", 2},
+                      Case{"RunMissingOptions", "run --options /nonexistent/options.json", 2},
+                      Case{"RunMalformedOptions", "run", 2, R"({"frontDoorPort":1,})"},
+                      Case{"RunOptionsNotAnObject", "run", 2, "[1]"},
+                      Case{"WatchHelp", "watch --help", 0},
+                      Case{"WatchPidNotANumber", "watch --pid abc", 2},
+                      Case{"WatchUnknownOption", "watch --signing /bin/sh", 2},
+                      Case{"WatchWithoutHost", "watch --control-socket /nonexistent/s --pid 1", 1}),
+    CaseName());
 
-// Root reaches the options file; anyone else is stopped earlier, in one line as well.
-TEST(CommandsFileTest, AMalformedOptionsFileIsNamedInOneLine) {
-  const std::string path = ::testing::TempDir() + "bad-options-" + std::to_string(::getpid());
-  std::ofstream(path) << R"({"frontDoorPort": 8443,})";
-  const Outcome outcome = runCommand("run --options " + path + " --control-socket " + path +
-                                     ".sock --table twhost_never");
-  ::unlink(path.c_str());
-  EXPECT_EQ(outcome.status, 2);
-  EXPECT_EQ(std::count(outcome.stderrText.begin(), outcome.stderrText.end(), '\n'), 1);
-  if (::geteuid() == 0) {
-    EXPECT_NE(outcome.stderrText.find(path), std::string::npos);
+// A network namespace with loopback up and 198.18.0.1/24, fd00:7477::1/64 on a veth pair.
+class RootInterceptionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root: network namespaces, nftables, socket marks";
+    std::ofstream(base_ + ".json") << R"({"frontDoorPort":0})";
+    const std::string in = " && ip -n " + ns_ + " ";
+    shell("ip netns add " + ns_ + in + "link set lo up" + in + "link add tw0 type veth peer tw1" +
+          in + "addr add 198.18.0.1/24 dev tw0" + in + "addr add fd00:7477::1/64 dev tw0 nodad" +
+          in + "link set tw0 up" + in + "link set tw1 up");
   }
-  EXPECT_NE(::access((path + ".sock").c_str(), F_OK), 0);
+  void TearDown() override { shell("ip netns del " + ns_ + "; rm -f " + base_ + ".[js]*"); }
+
+  std::string tables() const { return shell("ip netns exec " + ns_ + " nft list tables"); }
+  // Runs `body` on a thread of its own inside the namespace (setns moves only that thread).
+  void inside(const std::function<void()>& body) const {
+    std::thread([&] {
+      UniqueFd handle(::open(("/run/netns/" + ns_).c_str(), O_RDONLY | O_CLOEXEC));
+      ASSERT_TRUE(handle && ::setns(handle.get(), CLONE_NEWNET) == 0);
+      body();
+    }).join();
+  }
+  // True once `run` has its table in (its control socket comes before).
+  bool ready() const {
+    return eventually([&] { return tables().find("tarnwick_proxyext") != std::string::npos; });
+  }
+  // `run` in the namespace, with a control socket at `base`.sock.
+  std::unique_ptr<Command> run(const std::string& base, const std::string& extra = "") {
+    return std::make_unique<Command>(
+        "run --options " + base_ + ".json --control-socket " + base + ".sock " + extra, ns_);
+  }
+
+  const std::string ns_ = "twhost-" + std::to_string(::getpid());
+  const std::string base_ = ::testing::TempDir() + ns_;
+};
+
+// A connection of a program that is not watched goes through the host (the server sees another
+// peer than the client) to the destination it dialled, and is carried exactly: either side may
+// end its stream first while the other still sends. A destination that refuses resets the
+// client. The client's exact 4-tuple, as redirected, names its process.
+void exchangeThroughTheHost(const char* address) {
+  SCOPED_TRACE(address);
+  std::string error;
+  UniqueFd server = bindTcpSocket(loopbackAddress(address, 8080), error);
+  ASSERT_TRUE(server && ::listen(server.get(), 4) == 0 && ::fcntl(server.get(), F_SETFL, 0) == 0);
+  const auto accept = [&] {
+    return TestClient(UniqueFd(::accept4(server.get(), nullptr, nullptr, SOCK_CLOEXEC)));
+  };
+  TestClient client(loopbackAddress(address, 8080)), accepted = accept();
+  SocketAddress peer{.length = sizeof(sockaddr_storage)};
+  ::getpeername(accepted.fd(), reinterpret_cast<sockaddr*>(&peer.storage), &peer.length);
+  ASSERT_GE(client.fd(), 0);
+  EXPECT_FALSE(sameSocketAddress(peer, *localAddress(client.fd())));
+  const NEFlowMetaData metaData =
+      FlowIdentifier().identify(*localAddress(client.fd()), loopbackAddress(address, 8080));
+  EXPECT_EQ(pidFromAuditTokenData(metaData.sourceAppAuditToken), ::getpid());
+  const std::string request = patterned(3 << 20), answer = patterned(2 << 20).substr(7);
+  EXPECT_TRUE(passed(client, accepted, request) == request);
+  EXPECT_TRUE(passed(accepted, client, answer) == answer);
+  EXPECT_EQ(client.error(), 0);
+  TestClient second(loopbackAddress(address, 8080)), other = accept();
+  EXPECT_EQ(passed(other, second, "banner"), "banner");
+  EXPECT_EQ(passed(second, other, "more"), "more");
+  // Only reads: a send racing the reset would take the error and leave the read a plain end.
+  TestClient refused(loopbackAddress(address, 8081));
+  EXPECT_EQ(refused.readToEnd(), "");
+  EXPECT_EQ(refused.error(), ECONNRESET);
+}
+
+TEST_F(RootInterceptionTest, RunCarriesUnwatchedTrafficAndCleansUpOnSigterm) {
+  auto command = run(base_);
+  ASSERT_TRUE(ready()) << command->errors();
+  inside([] {
+    exchangeThroughTheHost("198.18.0.1");
+    exchangeThroughTheHost("fd00:7477::1");
+  });
+  Command watch("watch --control-socket " + base_ + ".sock --signing-id /usr/bin/curl --pid 1",
+                ns_);
+  EXPECT_EQ(watch.exitStatus(), 0) << watch.errors();
+  EXPECT_EQ(command->exitStatus(SIGTERM), 0) << command->errors();
+  EXPECT_EQ(tables(), "");
+}
+
+TEST_F(RootInterceptionTest, AKilledRunLeavesNoTableAndABusyPortFailsInOneLine) {
+  auto first = run(base_);
+  ASSERT_TRUE(ready()) << first->errors();
+  auto second = run(base_ + "-2", "--table twhost_second");
+  EXPECT_EQ(second->exitStatus(), 2);
+  const std::string errors = second->errors();
+  EXPECT_NE(errors.find("127.0.0.1:15001"), std::string::npos) << errors;
+  EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 1) << errors;
+  EXPECT_EQ(tables().find("twhost_second"), std::string::npos);
+  EXPECT_EQ(first->exitStatus(SIGKILL), -1);
+  EXPECT_EQ(tables(), "");
 }
 
 }  // namespace

@@ -1,0 +1,241 @@
+// The host's parts without privileges: network rules as nftables text, socket owners in a
+// synthetic /proc, and the host around a provider. There no table is made, the destination of
+// each accepted connection is supplied by the test, and the control socket lives in a temporary
+// directory; flows the provider takes are driven through the flow objects it was offered, as a
+// provider drives them. (Carrying the flows it hands back, redirects and identification of the
+// real client are tested through the run command, in Commands_test.)
+
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <mutex>
+
+#include "HostTesting.h"
+#include "host/NftRuleset.h"
+#include "host/OriginalDestination.h"
+#include "host/PassThroughProvider.h"
+#include "host/ProxyHost.h"
+#include "host/SocketOwnerMap.h"
+
+namespace tarnwick::host {
+namespace {
+
+namespace fs = std::filesystem;
+
+NENetworkRule rule(std::optional<NWHostEndpoint> remote, int prefix,
+                   NENetworkRuleProtocol protocol = NENetworkRuleProtocol::TCP,
+                   NETrafficDirection direction = NETrafficDirection::Outbound) {
+  return {std::move(remote), prefix, std::nullopt, 0, protocol, direction};
+}
+
+// Everything outbound except the excluded networks, of either family, and the host's own marked
+// sockets goes to the listener, in a table owned by the process. Rules the listener cannot serve
+// (UDP) or that never meet an output chain (inbound) are left out; ports and "any protocol" keep
+// their meaning.
+TEST(NftRulesetTest, RulesBecomeOneOwnedTable) {
+  NETransparentProxyNetworkSettings settings;
+  settings.includedNetworkRules = {
+      rule(NWHostEndpoint{"2001:db8::", "443"}, 32, NENetworkRuleProtocol::Any),
+      rule(std::nullopt, 0, NENetworkRuleProtocol::UDP),
+      rule(std::nullopt, 0, NENetworkRuleProtocol::TCP, NETrafficDirection::Inbound),
+      rule(std::nullopt, 0)};
+  settings.excludedNetworkRules = {rule(NWHostEndpoint{"127.0.0.0", "0"}, 8),
+                                   rule(NWHostEndpoint{"::1", "0"}, 128)};
+  const auto result = nftScriptFor(settings, {"tarnwick_proxyext", 0x7477, 15001});
+  EXPECT_EQ(result.script.value_or(result.error),
+            "table inet tarnwick_proxyext {\n"
+            "  flags owner;\n"
+            "  chain output {\n"
+            "    type nat hook output priority -100; policy accept;\n"
+            "    meta mark 0x00007477 return\n"
+            "    meta l4proto tcp ip daddr 127.0.0.0/8 return\n"
+            "    meta l4proto tcp ip6 daddr ::1/128 return\n"
+            "    meta l4proto tcp ip6 daddr 2001:db8::/32 tcp dport 443 redirect to :15001\n"
+            "    meta l4proto tcp redirect to :15001\n"
+            "  }\n"
+            "}\n");
+}
+
+// Over a directory laid out as /proc: PID/fd/N links to "socket:[inode]" and other targets.
+TEST(SocketOwnerMapTest, FindsOwnersFromItsCacheRecentOwnersAndARescan) {
+  const fs::path root = fs::path(::testing::TempDir()) / ("proc-" + std::to_string(::getpid()));
+  const auto holds = [&](pid_t pid, int fd, const char* target) {
+    fs::create_directories(root / std::to_string(pid) / "fd");
+    fs::create_symlink(target, root / std::to_string(pid) / "fd" / std::to_string(fd));
+  };
+  holds(100, 3, "socket:[1]");
+  holds(100, 4, "/tmp/socket:[5]");
+  holds(500, 3, "socket:[2]");
+  holds(500, 4, "pipe:[6]");
+  SocketOwnerMap owners(root.string());
+  EXPECT_EQ(owners.ownerOf(1), 100);  // the walk from the newest process records 500's too
+  fs::remove_all(root / "500");
+  EXPECT_EQ(owners.ownerOf(2), 500);  // from the cache
+  // A socket both hold (inherited across a fork) is found at the recent owner before any walk.
+  holds(100, 7, "socket:[3]");
+  holds(700, 7, "socket:[3]");
+  EXPECT_EQ(owners.ownerOf(3), 100);
+  holds(800, 9, "socket:[4]");
+  EXPECT_EQ(owners.ownerOf(4), 800);  // a miss rescans
+  for (std::uint64_t notASocket : {5, 6, 9999}) EXPECT_EQ(owners.ownerOf(notASocket), std::nullopt);
+  fs::remove_all(root);
+}
+
+using Flow = std::shared_ptr<NEAppProxyTCPFlow>;
+
+// The pass-through provider (its rules, its replies) that keeps what it was given and, when told
+// to, takes flows and echoes them.
+struct TestProvider : PassThroughProvider {
+  void startProxy(std::optional<Json> options, StartCompletion completion) override {
+    started = std::move(options);
+    if (startError) return completion(startError);
+    PassThroughProvider::startProxy(std::nullopt, std::move(completion));
+  }
+  void stopProxy(NEProviderStopReason reason, std::function<void()> completion) override {
+    stopped = true;
+    PassThroughProvider::stopProxy(reason, std::move(completion));
+  }
+  bool handleNewFlow(std::shared_ptr<NEAppProxyFlow> flow) override {
+    const Flow tcp = std::dynamic_pointer_cast<NEAppProxyTCPFlow>(flow);
+    std::lock_guard<std::mutex> lock(mutex);
+    flows.push_back(tcp);
+    if (take) tcp->open(std::nullopt, [this, tcp](std::optional<NEError>) { echo(tcp); });
+    return take;
+  }
+  // Writes back what it reads; at the client's end (or once a read fails) closes both directions.
+  void echo(const Flow& flow) {
+    ++reads;
+    flow->readData([this, flow](std::optional<Bytes> data, std::optional<NEError> error) {
+      --reads;
+      if (error || !data || data->empty()) {
+        flow->closeReadWithError(std::nullopt);
+        return flow->closeWriteWithError(std::nullopt);
+      }
+      flow->write(std::move(*data), [this, flow](std::optional<NEError>) { echo(flow); });
+    });
+  }
+
+  std::atomic<bool> take{false}, stopped{false};
+  std::atomic<int> reads{0};  // pending
+  std::optional<NEError> startError;
+  std::optional<Json> started;  // read once start() has returned
+  std::mutex mutex;
+  std::vector<Flow> flows;  // written under mutex; read once `reads` has counted them
+};
+
+class ProxyHostTest : public ::testing::Test {
+ protected:
+  ProxyHost::Options options() {
+    ProxyHost::Options options;
+    options.installRules = false;
+    options.settings.listenPort = 0;
+    options.settings.controlSocketPath = controlPath_;
+    options.destinationOf = [this](int fd) {
+      return redirected_ ? destination_ : originalDestination(fd);
+    };
+    // The client's own address, as identification must look it up.
+    options.identify = [](const SocketAddress& client, const SocketAddress& destination) {
+      return NEFlowMetaData{"/usr/bin/agent", bytesOf(hostEndpointOf(client).hostname + "->" +
+                                                      hostEndpointOf(destination).port)};
+    };
+    return options;
+  }
+  void start() {
+    host_ = ProxyHost::create(provider_, options());
+    ASSERT_EQ(host_->start(Json{{"frontDoorPort", 8443}}), std::nullopt);
+  }
+  TestClient connect(const std::string& family = "127.0.0.1") {
+    return TestClient(loopbackAddress(family, host_->listenPort()));
+  }
+  void TearDown() override {
+    // Flows end once their clients have gone; until then their pending reads hold them.
+    eventually([&] { return provider_->reads == 0; });
+    if (host_) host_->stop();
+  }
+
+  const std::string controlPath_ =
+      ::testing::TempDir() + "control-" + std::to_string(::getpid()) + ".sock";
+  std::shared_ptr<TestProvider> provider_ = std::make_shared<TestProvider>();
+  std::optional<SocketAddress> destination_ = loopbackAddress("198.18.0.7", 443);
+  std::atomic<bool> redirected_{true};
+  std::shared_ptr<ProxyHost> host_;
+};
+
+TEST_F(ProxyHostTest, StartsTheProviderAndUndoesEverythingOnStop) {
+  start();
+  EXPECT_EQ(provider_->started, (Json{{"frontDoorPort", 8443}}));
+  EXPECT_EQ(fs::status(controlPath_).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+  host_->stop();
+  EXPECT_TRUE(provider_->stopped);
+  EXPECT_NE(::access(controlPath_.c_str(), F_OK), 0);
+}
+
+// A connection that was not redirected (the kernel names no other destination) is closed
+// unoffered; a redirected one is offered with its destination and its process, looked up from
+// the client's own address.
+TEST_F(ProxyHostTest, OffersRedirectedConnectionsWithTheirDestinationAndProcess) {
+  provider_->take = true;
+  start();
+  redirected_ = false;
+  EXPECT_EQ(connect().readToEnd(), "");
+  redirected_ = true;
+  auto client = connect("::1");
+  ASSERT_TRUE(eventually([&] { return provider_->reads == 1; }));
+  const Flow flow = provider_->flows.at(0);
+  EXPECT_EQ(flow->remoteEndpoint(), (NWHostEndpoint{"198.18.0.7", "443"}));
+  EXPECT_EQ(flow->metaData().sourceAppSigningIdentifier, "/usr/bin/agent");
+  EXPECT_EQ(flow->metaData().sourceAppAuditToken, bytesOf("::1->443"));
+}
+
+// A taken flow reads what the client sent and writes it back whole and in order; the client's
+// end reaches the provider, whose closes end the client's stream. Nothing is carried.
+TEST_F(ProxyHostTest, ATakenFlowCarriesBothWaysUntilTheClientEnds) {
+  provider_->take = true;
+  start();
+  TestClient client = connect();
+  const std::string request = patterned(8 << 20);
+  EXPECT_TRUE(passed(client, client, request) == request);
+  EXPECT_EQ(client.error(), 0);
+}
+
+// A read waits for readiness without a buffer, so idle flows cost no memory for their reads.
+TEST_F(ProxyHostTest, IdleFlowsHoldNoReadBuffers) {
+  constexpr int kFlows = 32;
+  provider_->take = true;
+  start();
+  const auto heap = [] {
+    return static_cast<std::int64_t>(mallinfo2().uordblks + mallinfo2().hblkhd);
+  };
+  const std::int64_t before = heap();
+  std::vector<TestClient> clients;
+  for (int i = 0; i < kFlows; ++i) clients.push_back(connect());
+  ASSERT_TRUE(eventually([&] { return provider_->reads == kFlows; }));
+  EXPECT_LT(heap() - before, kFlows * 16384);
+}
+
+// Each connection carries one message, answered with the provider's reply. (That the message
+// reaches the provider whole shows in the watch command's reply, through the run command.)
+TEST_F(ProxyHostTest, ControlSocketAnswersOneMessagePerConnection) {
+  start();
+  std::string error;
+  for (const char* message : {R"({"watchedPIDs":[7]})", ""}) {
+    EXPECT_EQ(sendControlMessage(controlPath_, bytesOf(message), error), bytesOf("{\"ok\":false}"))
+        << error;
+  }
+}
+
+TEST_F(ProxyHostTest, AProviderThatFailsToStartIsReportedInOneLineAndStopped) {
+  provider_->startError = NEError{EPERM, "tunnel refused"};
+  host_ = ProxyHost::create(provider_, options());
+  const std::string failure = host_->start(std::nullopt).value_or("\n");
+  EXPECT_NE(failure.find("tunnel refused"), std::string::npos) << failure;
+  EXPECT_EQ(failure.find('\n'), std::string::npos) << failure;
+  EXPECT_TRUE(provider_->stopped);
+  EXPECT_NE(::access(controlPath_.c_str(), F_OK), 0);
+}
+
+}  // namespace
+}  // namespace tarnwick::host
