@@ -64,6 +64,8 @@ std::optional<std::string> ProxyHost::start(std::optional<Json> startOptions) {
   } else if (auto error = outcome.get()) {
     failure = "the provider did not start: " + error->localizedDescription;
   }
+  // The control socket comes last: once it is there, the rules are in and flows are taken.
+  if (!failure) failure = listenControl();
   if (failure) stop();
   return failure;
 }
@@ -76,7 +78,12 @@ std::optional<std::string> ProxyHost::listen() {
   for (Lane& lane : lanes_) {
     if (auto failure = listenOn(lane, port_)) return failure;
   }
+  return std::nullopt;
+}
+
+std::optional<std::string> ProxyHost::listenControl() {
   control_ = ControlServer::create(lanes_.front().loop, framework_, provider_);
+  std::string error;
   if (!control_->listen(options_.settings.controlSocketPath, error)) return error;
   return std::nullopt;
 }

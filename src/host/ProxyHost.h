@@ -39,8 +39,10 @@ class ProxyHost : public NETunnelHost, public std::enable_shared_from_this<Proxy
                                            Options options);
   ~ProxyHost() override;
 
-  // Listens, starts the provider and waits for its start to complete. On failure returns one
-  // line saying why, with everything undone (no table, no listener, no socket file).
+  // Listens, starts the provider, waits for its start to complete (its rules are then in), and
+  // opens the control socket last, so the socket's presence tells that flows are intercepted.
+  // On failure returns one line saying why, with everything undone (no table, no listener, no
+  // socket file).
   std::optional<std::string> start(std::optional<Json> startOptions);
   // Stops the provider, removes the table, closes the listeners and the control socket.
   // Idempotent.
@@ -67,6 +69,7 @@ class ProxyHost : public NETunnelHost, public std::enable_shared_from_this<Proxy
   };
 
   std::optional<std::string> listenOn(Lane& lane, std::uint16_t port);
+  std::optional<std::string> listenControl();
 
   const std::shared_ptr<NETransparentProxyProvider> provider_;
   const Options options_;
