@@ -35,7 +35,7 @@ const std::string kRedialRefused = "front-door failed (Connection refused) — R
 const std::string kRedialWaiting = "front-door waiting (Network is unreachable) — RE-DIALING once";
 const std::string kTimeout = "front-door handshake exceeded 2.500000s — failing OPEN";
 const std::string kNoAck = "relay: front-door ack not received — failing open";
-const std::string kDirect = "failing OPEN: dialing 198.18.0.10:443 direct (uninspected)";
+const std::string kDirect = "failing OPEN: dialing 198.18.0.10:443 direct";
 // What follows "CONNECT 198.18.0.10:<port>" on the first front-door attempt, once it was ready.
 const std::string kPreambleRest =
     " HTTP/1.1\r\nX-Brask-Pid: 4242\r\nX-Brask-Signing-Id: /usr/bin/agent\r\n"

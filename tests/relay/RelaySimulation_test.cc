@@ -14,7 +14,8 @@ namespace {
 
 constexpr std::uint64_t kSeeds = 3000;
 
-// What a front-door attempt does; the story names it by its number here.
+// What a front-door attempt does (the story gives its number): refuse, wait, never answer, accept
+// without acknowledging, reject; or acknowledge and then close, stall, answer, or fail every write.
 enum FrontDoor { Refuse, Wait, Silent, NoAck, Reject, AckClose, AckStall, AckAnswer, AckBreak };
 
 class Simulation {
