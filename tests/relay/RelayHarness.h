@@ -4,15 +4,11 @@
 
 #include <gtest/gtest.h>
 
-#include <future>
 #include <map>
-#include <memory>
 #include <mutex>
-#include <string>
-#include <vector>
+#include <sstream>
 
 #include "platform/testing/CaptureLogSink.h"
-#include "platform/testing/CaseName.h"
 #include "platform/testing/EventTrail.h"
 #include "platform/testing/ScriptedConnection.h"
 #include "platform/testing/ScriptedFlow.h"
@@ -23,81 +19,49 @@
 
 namespace tarnwick {
 
+using namespace std::chrono_literals;
+using Trail = std::vector<std::string>;
+
+// Keeps, in order, every event ("kind" or "kind:reason") and every call about the circuit
+// ("circuit:failure", "circuit:success"), the session table ("retain", "release") and severs.
 class FakeRelayContext : public RelayContext {
  public:
   static constexpr std::int64_t kTimestampNs = 1767225600123456789;
 
-  void circuitRecordFailure() override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++circuitFailures_;
-  }
-  void circuitRecordSuccess() override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++circuitSuccesses_;
-  }
-  void retainSession(const std::shared_ptr<RelaySession>& session) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++retains_;
-    retained_[session.get()] = session;
-  }
+  void circuitRecordFailure() override { note("circuit:failure"); }
+  void circuitRecordSuccess() override { note("circuit:success"); }
+  void recordCommittedSeverIfUnhealthy() override { note("sever"); }
+  void retainSession(const std::shared_ptr<RelaySession>& s) override { note("retain", s); }
   void releaseSession(const RelaySession* session) override {
-    std::shared_ptr<RelaySession> released;
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++releases_;
-    if (auto it = retained_.find(session); it != retained_.end()) {
-      released = std::move(it->second);
-      retained_.erase(it);
-    }
+    std::map<const RelaySession*, std::shared_ptr<RelaySession>>::node_type released;
+    std::lock_guard<std::mutex> lock(mutex_);  // released after the lock, as the provider does
+    trail_.push_back("release");
+    released = retained_.extract(session);
   }
   std::int64_t currentTimestampNs() const override { return kTimestampNs; }
-  void sendEvent(Json event) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    events_.push_back(std::move(event));
-  }
-  void recordCommittedSeverIfUnhealthy() override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++severs_;
-  }
+  void sendEvent(Json event) override { note(eventTrail({event})[0], nullptr, event); }
 
-  std::vector<Json> events() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return events_;
-  }
-  std::vector<Json> ofKind(const std::string& kind) const {
-    std::vector<Json> out;
-    for (const auto& e : events()) {
-      if (e.value("kind", "") == kind) out.push_back(e);
-    }
-    return out;
-  }
-  // "kind" or "kind:reason" of every event, in order.
-  std::vector<std::string> eventTrail() const { return tarnwick::eventTrail(events()); }
-  int circuitFailures() const { return read(circuitFailures_); }
-  int circuitSuccesses() const { return read(circuitSuccesses_); }
-  int retains() const { return read(retains_); }
-  int releases() const { return read(releases_); }
-  int severs() const { return read(severs_); }
-  std::size_t retainedCount() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return retained_.size();
-  }
-  std::shared_ptr<RelaySession> onlySession() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return retained_.size() == 1 ? retained_.begin()->second : nullptr;
-  }
+  std::vector<Json> events() const { return copy(events_); }
+  Trail trail() const { return copy(trail_); }
+  std::size_t count(const std::string& entry) const { return std::ranges::count(trail(), entry); }
+  std::size_t retainedCount() const { return copy(retained_).size(); }
 
  private:
-  int read(const int& counter) const {
+  template <typename T>
+  T copy(const T& member) const {
     std::lock_guard<std::mutex> lock(mutex_);
-    return counter;
+    return member;
+  }
+  void note(std::string entry, std::shared_ptr<RelaySession> retained = nullptr,
+            std::optional<Json> event = std::nullopt) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    trail_.push_back(std::move(entry));
+    if (retained) retained_[retained.get()] = std::move(retained);
+    if (event) events_.push_back(std::move(*event));
   }
 
   mutable std::mutex mutex_;
-  int circuitFailures_ = 0;
-  int circuitSuccesses_ = 0;
-  int retains_ = 0;
-  int releases_ = 0;
-  int severs_ = 0;
+  Trail trail_;
   std::vector<Json> events_;
   std::map<const RelaySession*, std::shared_ptr<RelaySession>> retained_;
 };
@@ -108,88 +72,52 @@ inline Bytes patternBytes(std::size_t size, std::size_t offset = 0) {
   return out;
 }
 
-inline Bytes concat(std::initializer_list<Bytes> parts) {
-  Bytes out;
-  for (const auto& p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
-}
-
-// One engine with a front door at 127.0.0.1:9000, on the simulated runtime. Connections are made
-// in order: front-door attempts first, then direct connections.
+// One engine with a front door at 127.0.0.1:9000, on the simulated runtime, relaying flows to
+// 198.18.0.10:443 unless told otherwise. Connections are made in order: front-door attempts
+// first, then the direct connection.
 class RelayHarness {
  public:
   static constexpr std::uint16_t kFrontDoorPort = 9000;
   static constexpr const char* kAck = "HTTP/1.1 200 Connection established\r\n\r\n";
+  inline static const FlowTarget kTarget{"198.18.0.10", "443"};
 
-  // A Blocking `frameworkKind` runs flow completions on a real thread of their own, as the
-  // framework does, concurrently with the simulated relay queues.
-  explicit RelayHarness(std::uint64_t seed = 1, RelayTiming timing = {},
-                        QueueKind frameworkKind = QueueKind::Serial)
-      : frameworkKind_(frameworkKind),
-        env(SimulatedRuntime::create({.seed = seed})),
-        framework(env->makeQueue("framework", QualityOfService::Default, frameworkKind)),
+  explicit RelayHarness(std::uint64_t seed = 1)
+      : env(SimulatedRuntime::create({.seed = seed})),
+        framework(env->makeQueue("framework", QualityOfService::Default)),
         connections(std::make_shared<ScriptedConnectionFactory>()),
         context(std::make_shared<FakeRelayContext>()),
-        engine(env, connections, context, timing) {
+        engine(env, connections, context) {
     engine.setFrontDoor("127.0.0.1", kFrontDoorPort);
   }
 
-  // A real framework thread may still be finishing a completion that holds the last reference to
-  // a flow (and through it to the thread's own queue); let it finish first.
-  ~RelayHarness() { drainFramework(); }
-
-  // Waits until a real framework thread has run everything handed to it so far.
-  void drainFramework() {
-    if (frameworkKind_ != QueueKind::Blocking) return;
-    std::promise<void> drained;
-    framework->async([&drained] { drained.set_value(); });
-    drained.get_future().wait();
+  // Whatever a test left running holds itself in a cycle through pending completions: its peers
+  // end it here, until nothing is left.
+  ~RelayHarness() {
+    for (const auto& flow : flows) flow->agentEnds();
+    for (int round = 0; round < 3; ++round) {  // a budget running out meanwhile dials anew
+      for (const auto& c : connections->made()) {
+        if (!c->cancelled() && c->state() != NWConnectionState::Kind::Failed) c->fail(ECONNRESET);
+      }
+      env->advance(400s);
+    }
   }
 
-  std::shared_ptr<ScriptedTCPFlow> makeFlow(const FlowTarget& target = defaultTarget()) {
-    return std::make_shared<ScriptedTCPFlow>(framework,
-                                             NEFlowMetaData{"/usr/bin/agent", std::nullopt},
-                                             NWHostEndpoint{target.host, target.port});
+  std::shared_ptr<ScriptedTCPFlow> makeFlow(const FlowTarget& target = kTarget) {
+    flows.push_back(
+        std::make_shared<ScriptedTCPFlow>(framework, NEFlowMetaData{"/usr/bin/agent", std::nullopt},
+                                          NWHostEndpoint{target.host, target.port}));
+    return flows.back();
   }
-
-  static FlowTarget defaultTarget() { return {"198.18.0.10", "443"}; }
 
   // Relays a new flow to `target` and runs until idle.
-  std::shared_ptr<ScriptedTCPFlow> relay(const FlowTarget& target = defaultTarget()) {
+  std::shared_ptr<ScriptedTCPFlow> relay(const FlowTarget& target = kTarget) {
     auto flow = makeFlow(target);
     engine.relay(flow, target, 4242, "/usr/bin/agent", "9f3c0a1b2c3d4e5f");
     env->runUntilIdle();
     return flow;
   }
 
-  // Relays a new flow whose first front-door attempt accepts and acknowledges: a running session.
-  std::shared_ptr<ScriptedTCPFlow> relayToSession(const FlowTarget& target = defaultTarget()) {
-    auto flow = relay(target);
-    auto frontDoor = connection(0);
-    frontDoor->becomeReady();
-    frontDoor->deliver(bytesOf(kAck));
-    env->runUntilIdle();
-    return flow;
-  }
-
-  std::shared_ptr<ScriptedConnection> connection(std::size_t index) const {
-    const auto made = connections->made();
-    return index < made.size() ? made[index] : nullptr;
-  }
-  std::size_t connectionCount() const { return connections->made().size(); }
-  bool isFrontDoor(const ScriptedConnection& c) const {
-    return c.endpoint().host == "127.0.0.1" && c.endpoint().port.rawValue() == kFrontDoorPort;
-  }
-  // Payload the front door received after the preamble.
-  static Bytes afterPreamble(const ScriptedConnection& c) {
-    const Bytes sent = c.sent();
-    const auto text = textOf(sent);
-    const auto end = text.find("\r\n\r\n");
-    if (end == std::string_view::npos) return {};
-    return Bytes(sent.begin() + static_cast<long>(end + 4), sent.end());
-  }
-
-  const QueueKind frameworkKind_;
+  std::vector<std::shared_ptr<ScriptedTCPFlow>> flows;  // every flow made, for the destructor
   ScopedLogCapture log;
   std::shared_ptr<SimulatedRuntime> env;
   std::shared_ptr<DispatchQueue> framework;
@@ -198,34 +126,50 @@ class RelayHarness {
   RelayEngine engine;
 };
 
-// A relay whose front door has acknowledged: a running session at t=0.
-class SessionFixture {
- public:
-  SessionFixture()
-      : flow(h.relayToSession()), frontDoor(h.connection(0)), started(h.env->monotonicNow()) {}
-
-  // The direct connection of a failover, once dialled.
-  std::shared_ptr<ScriptedConnection> direct() const { return h.connection(1); }
-  void agentSends(const Bytes& bytes) {
-    flow->agentSends(bytes);
-    h.env->runUntilIdle();
-  }
-  // Moves the clock to `t` after the session started.
-  void advanceTo(Duration t) { h.env->advance(started + t - h.env->monotonicNow()); }
-  // Lets any failover complete, then ends the agent's side, so every session is over.
-  void settle() {
-    if (auto d = direct(); d && d->state() == NWConnectionState::Kind::Preparing) {
-      d->becomeReady();
+// Plays a script of steps, separated by single spaces, against a relayed flow and the newest
+// connection (a front-door attempt, or the destination once dialled), running the relay until idle
+// after each step:
+//   >text >*N >| >!  the agent sends text or N patterned bytes, ends its stream, or fails a read
+//   <text <| <!      the connection delivers text, ends, or resets; "<text|" is text with the
+//                    end, "<text!" text with a reset, a bare "<" an empty delivery
+//   ^ ~ X            the connection becomes ready, waits, or is refused
+//   # y x @          its sends wait; the oldest waiting one completes, or fails; they complete
+//                    on their own again
+//   w +S =N          writes to the agent fail; S seconds pass; exactly N entries have joined the
+//                    context's trail since the script began
+// Returns everything the agent sent.
+inline Bytes play(RelayHarness& h, ScriptedTCPFlow& flow, const std::string& script) {
+  const std::size_t base = h.context->trail().size();
+  Bytes sent;
+  std::istringstream steps(script);
+  for (std::string step; std::getline(steps, step, ' ');) {
+    const auto c = h.connections->last();
+    const char k = step[0];
+    const std::string arg = step.substr(1);
+    const bool end = arg.ends_with('|'), reset = arg.ends_with('!');
+    const std::string text = end || reset ? arg.substr(0, arg.size() - 1) : arg;
+    if (k == '>' && end) flow.agentEnds();
+    if (k == '>' && reset) flow.agentFails({5, "gone"});
+    if (k == '>' && !end && !reset) {
+      const Bytes b = arg.starts_with('*') ? patternBytes(std::stoul(arg.substr(1))) : bytesOf(arg);
+      sent.insert(sent.end(), b.begin(), b.end());
+      flow.agentSends(b);
     }
-    h.env->runUntilIdle();
-    flow->agentEnds();
+    if (k == '<')
+      c->deliver(text.empty() && (end || reset) ? std::nullopt : std::optional(bytesOf(text)), end,
+                 reset ? std::optional(NWError::fromErrno(ECONNRESET)) : std::nullopt);
+    if (k == '^') c->becomeReady();
+    if (k == '~') c->wait(ENETUNREACH);
+    if (k == 'X') c->fail(ECONNREFUSED);
+    if (k == '#' || k == '@') c->setAutoCompleteSends(k == '@');
+    if (k == 'y') c->completeSend();
+    if (k == 'x') c->completeSend(NWError::fromErrno(EPIPE));
+    if (k == 'w') flow.failWrites(NEError{32, "broken"});
+    if (k == '+') h.env->advance(toDuration(Seconds(std::stod(arg))));
+    if (k == '=' && h.context->trail().size() - base != std::stoul(arg)) ADD_FAILURE() << step;
     h.env->runUntilIdle();
   }
-
-  RelayHarness h;
-  std::shared_ptr<ScriptedTCPFlow> flow;
-  std::shared_ptr<ScriptedConnection> frontDoor;
-  MonotonicTime started;
-};
+  return sent;
+}
 
 }  // namespace tarnwick

@@ -1,0 +1,122 @@
+// The front door's pieces on their own: the CONNECT preamble, the acknowledgement, the circuit
+// breaker across flows and the redial within one.
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "RelayHarness.h"
+#include "relay/FrontDoorCircuit.h"
+#include "relay/FrontDoorPreamble.h"
+#include "relay/RelayDialPolicy.h"
+
+namespace tarnwick {
+namespace {
+
+// IPv6 literals are bracketed once; each header is there only when it has a value.
+TEST(FrontDoorPreambleTest, IsExactlyTheseBytes) {
+  EXPECT_EQ(textOf(makePreamble({"2001:db8::1", "443"}, 4242, "agent-cli", "9f3c")),
+            "CONNECT [2001:db8::1]:443 HTTP/1.1\r\nX-Brask-Pid: 4242\r\n"
+            "X-Brask-Signing-Id: agent-cli\r\nX-Brask-Trace: 9f3c\r\n\r\n");
+  EXPECT_EQ(textOf(makePreamble({"[fe80::1]", "443"}, 0, "", "")),
+            "CONNECT [fe80::1]:443 HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(textOf(makePreamble({"example.com", "https"}, -17, "", "")),
+            "CONNECT example.com:https HTTP/1.1\r\nX-Brask-Pid: -17\r\n\r\n");
+  EXPECT_EQ(textOf(makePreamble({"10.0.0.5", "80"}, 0, "/usr/bin/curl", "0123")),
+            "CONNECT 10.0.0.5:80 HTTP/1.1\r\nX-Brask-Signing-Id: /usr/bin/curl\r\n"
+            "X-Brask-Trace: 0123\r\n\r\n");
+}
+
+// The front door's reply delivered whole, and one byte at a time after an empty delivery so that
+// the terminator is split across chunks at every position. A trailing "|" ends the stream with the
+// reply's last byte. A good head hands the flow to a session, a bad one fails it open, and one
+// still incomplete waits.
+TEST(FrontDoorAckTest, JudgesTheHeadWhateverTheChunking) {
+  const Trail good{"retain"}, bad{"circuit:failure", "relay.failopen:no-ack"}, waits{};
+  const std::pair<std::string, Trail> cases[] = {
+      {"HTTP/1.1-200-Connection-established\r\n\r\n", good},
+      {"HTTP/1.1-407-Proxy-Authentication-Required\r\n\r\n", bad},
+      {"HTTP/1.1-502-Bad\r\nX-Code:-200\r\n\r\n", good},  // "200" anywhere in the head
+      {"HTTP/1.1-503\r\n\r\n200-200", bad},    // what follows the terminator is dropped, not judged
+      {"HTTP/1.1-200-\xc0\xaf\r\n\r\n", bad},  // not UTF-8
+      {"HTTP/1.1-200-OK\r\n", waits},
+      {"HTTP/1.1-200-OK\r\n|", bad},
+      {"HTTP/1.1-200-OK\r\n\r\n|", good},  // the terminator wins over the end of its chunk
+      {std::string(8192, 'a'), waits},
+      {std::string(8193, 'a'), bad},
+      {"200" + std::string(8186, 'x') + "\r\n\r\n", good},  // complete at 8193 bytes held
+  };
+  for (const auto& [reply, verdict] : cases) {
+    for (const bool byteByByte : {false, true}) {
+      SCOPED_TRACE(::testing::PrintToString(reply) + (byteByByte ? " byte by byte" : " whole"));
+      RelayHarness h;
+      auto flow = h.relay();
+      std::string script = byteByByte ? "^ < <" : "^ <";
+      for (std::size_t i = 0; i < reply.size(); ++i) {
+        const bool split = byteByByte && i > 0 && !(i + 1 == reply.size() && reply.back() == '|');
+        script += (split ? " <" : "") + reply.substr(i, 1);
+      }
+      play(h, *flow, script);
+      EXPECT_EQ(h.context->trail(), verdict);
+    }
+  }
+}
+
+// Made-up wall-clock times, in seconds from an arbitrary origin.
+WallTime at(double seconds) {
+  return WallTime(std::chrono::seconds(1767225600)) +
+         std::chrono::duration_cast<WallTime::duration>(Seconds(seconds));
+}
+
+// A timeline is a list of steps "F<t>" (a failure at t), "S<t>" (a success) and "A<t>+" or "A<t>-"
+// (asks at t whether a relay may go, and must be told yes or no).
+TEST(FrontDoorCircuitTest, FollowsTheTimeline) {
+  const auto closed = FrontDoorCircuitState::closed(), halfOpen = FrontDoorCircuitState::halfOpen();
+  const auto openAt = [](double t) { return FrontDoorCircuitState::open(at(t)); };
+  const std::pair<const char*, FrontDoorCircuitState> cases[] = {
+      {"A0+ F0 A1+ F1 A2+", closed},
+      {"F0 F10 A58+ F59 A59- A100- A118.999-", openAt(59)},
+      // One probe after the cool-down; a probe that never reports keeps everyone else out.
+      {"F0 F10 F59 A119+ A119- A500- A100000-", halfOpen},
+      {"F0 F30 F65 A65+", closed},                  // the failure at 0 fell out of the window
+      {"F0 F30 F60", openAt(60)},                   // one exactly at the cut-off still counts
+      {"F0 F10 S20 F30 F31 A31+ F32", openAt(32)},  // a success forgives what came before
+      {"F0 F10 F59 A119+ S120 F121 F122 A122+", closed},
+      {"F0 F10 F59 A119+ F130 A189.9-", openAt(130)},  // a failed probe reopens afresh
+      {"F0 F10 F59 F70 S80 A118.9-", openAt(59)},      // late outcomes change nothing
+      {"F0 F10 F59 A-3600- A118- A119+", halfOpen},    // the clock set back
+      {"F0 F10 F59 A3659+", halfOpen},                 // the clock set forward
+      {"F100 F30 F40", openAt(40)},
+  };
+  for (const auto& [timeline, expected] : cases) {
+    SCOPED_TRACE(timeline);
+    FrontDoorCircuit circuit;
+    std::istringstream steps(timeline);
+    for (std::string step; steps >> step;) {
+      const double t = std::stod(step.substr(1));
+      if (step[0] == 'F') circuit.recordFailure(at(t));
+      if (step[0] == 'S') circuit.recordSuccess(at(t));
+      if (step[0] == 'A' && circuit.allowRelay(at(t)) != (step.back() == '+'))
+        ADD_FAILURE() << step;
+    }
+    EXPECT_EQ(circuit.state(), expected);
+  }
+}
+
+// Redials left after a failure while the connection is set up, and what is then left, or -1 for
+// failing open; any failure after setup fails open.
+TEST(RelayDialPolicyTest, OnlyASetupFailureWithAttemptsLeftRedials) {
+  using Policy = RelayDialPolicy;
+  const std::pair<std::int64_t, std::int64_t> cases[] = {
+      {1, 0}, {3, 2}, {INT64_MAX, INT64_MAX - 1}, {0, -1}, {-5, -1}, {INT64_MIN, -1}};
+  for (const auto& [left, remaining] : cases) {
+    EXPECT_TRUE(
+        Policy::decide(Policy::FailurePhase::ConnectionSetup, left) ==
+        (remaining < 0 ? Policy::Decision::failOpen() : Policy::Decision::redial(remaining)));
+    EXPECT_TRUE(Policy::decide(Policy::FailurePhase::PostSetup, left) ==
+                Policy::Decision::failOpen());
+  }
+}
+
+}  // namespace
+}  // namespace tarnwick
