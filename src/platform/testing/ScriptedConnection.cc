@@ -13,13 +13,20 @@ void ScriptedConnection::setStateUpdateHandler(StateHandler handler) {
   std::swap(stateHandler_, handler);
 }
 
+// Started and preparing in one hold of the lock: a state a test sets from another thread right
+// after start() must not be overwritten by the preparing state.
 void ScriptedConnection::start(std::shared_ptr<DispatchQueue> queue) {
+  std::vector<Work> work;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (queue_) return;
     queue_ = std::move(queue);
+    if (state_ == Kind::Setup) {
+      state_ = Kind::Preparing;
+      work.push_back(stateDelivery(NWConnectionState::of(Kind::Preparing)));
+    }
   }
-  moveTo(NWConnectionState::of(Kind::Preparing));
+  run(work);
 }
 
 void ScriptedConnection::send(std::optional<Bytes> content, bool isComplete,
