@@ -90,9 +90,9 @@ void SocketFlow::closeReadWithError(std::optional<NEError>) {
   ReadCompletion dropped;
   {
     MutexLock lock(mutex_);
+    // TCP has no way to tell the client its reads were closed: the flow just stops reading.
     read_closed_ = true;
     dropped = std::exchange(pending_read_, nullptr);
-    if (socket_) ::shutdown(socket_.get(), SHUT_RD);
     finishCloseLockHeld();
   }
 }
@@ -107,9 +107,8 @@ void SocketFlow::closeWriteWithError(std::optional<NEError> error) {
       failWritesLockHeld(*error, out);
       loop_->remove(socket_.get());
       resetAndClose(socket_);
-    } else if (pending_writes_.empty() && socket_) {
-      ::shutdown(socket_.get(), SHUT_WR);
-      write_shut_ = true;
+    } else if (pending_writes_.empty()) {
+      shutWriteLockHeld();
     }
     finishCloseLockHeld();
   }
@@ -168,9 +167,8 @@ void SocketFlow::tryWriteLockHeld(std::vector<Work>& out) {
     out.push_back([completion = std::move(front.completion)] { completion(std::nullopt); });
     pending_writes_.pop_front();
   }
-  if (write_closed_ && !write_shut_ && socket_) {
-    ::shutdown(socket_.get(), SHUT_WR);
-    write_shut_ = true;
+  if (write_closed_ && !write_shut_) {
+    shutWriteLockHeld();
     finishCloseLockHeld();
   }
 }
@@ -180,6 +178,14 @@ void SocketFlow::failWritesLockHeld(const NEError& error, std::vector<Work>& out
     out.push_back([completion = std::move(pending.completion), error] { completion(error); });
   }
   pending_writes_.clear();
+}
+
+// With the read side closed too, the socket is about to be closed, which ends the stream the
+// same way; the shutdown is only needed while the client may still send.
+void SocketFlow::shutWriteLockHeld() {
+  if (!socket_) return;
+  if (!read_closed_) ::shutdown(socket_.get(), SHUT_WR);
+  write_shut_ = true;
 }
 
 // Once both directions are closed and written out, the socket goes: the client sees the end.

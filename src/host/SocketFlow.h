@@ -59,6 +59,7 @@ class SocketFlow : public NEAppProxyTCPFlow,
   void tryReadLockHeld(std::vector<Work>& out) TW_REQUIRES(mutex_);
   void tryWriteLockHeld(std::vector<Work>& out) TW_REQUIRES(mutex_);
   void failWritesLockHeld(const NEError& error, std::vector<Work>& out) TW_REQUIRES(mutex_);
+  void shutWriteLockHeld() TW_REQUIRES(mutex_);
   void finishCloseLockHeld() TW_REQUIRES(mutex_);
   void rearmLockHeld() TW_REQUIRES(mutex_);
   void post(std::vector<Work>& work);
