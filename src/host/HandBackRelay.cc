@@ -41,6 +41,8 @@ void HandBackRelay::dial(const SocketAddress& destination, std::optional<std::ui
   setInterest(Destination, EPOLLOUT);
 }
 
+// Only the directions this side's readiness can move are pumped: an event on one side costs no
+// futile splice on the other.
 void HandBackRelay::onIoEvent(std::uint32_t tag, std::uint32_t events) {
   if (connecting_) {
     if (tag == Destination) onConnected();
@@ -49,7 +51,12 @@ void HandBackRelay::onIoEvent(std::uint32_t tag, std::uint32_t events) {
   if ((events & EPOLLERR) != 0 && connectError(socketOf(static_cast<Side>(tag)).get()) != 0) {
     return finish(/*reset=*/true);
   }
-  if (!pump(upstream_) || !pump(downstream_)) return;
+  const bool readable = (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0;
+  const bool writable = (events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0;
+  for (Direction* direction : {&upstream_, &downstream_}) {
+    const bool moves = (readable && direction->from == tag) || (writable && direction->to == tag);
+    if (moves && !pump(*direction)) return;
+  }
   if (upstream_.done && downstream_.done) return finish(/*reset=*/false);
   updateInterest();
 }
@@ -60,45 +67,52 @@ void HandBackRelay::onConnected() {
   setNoDelay(destination_.get());
   setNoDelay(client_.get());
   // The client may already have sent its request; it waits in the socket for this first pump.
-  if (!pump(upstream_) || !pump(downstream_)) return;
+  if (!pump(upstream_)) return;
   updateInterest();
 }
 
+// Moves what can move now. A splice that brings less than it asked for has emptied the socket,
+// and one that takes less than it offered has filled the other: neither is tried again until
+// the loop reports the side ready, which saves a splice that would only say "try later".
 bool HandBackRelay::pump(Direction& direction) {
   const int from = socketOf(direction.from).get();
   const int to = socketOf(direction.to).get();
-  for (bool progressed = true; progressed;) {
-    progressed = false;
-    if (!direction.ended && !direction.pipe) {
+  bool drained = false;
+  bool full = false;
+  for (;;) {
+    const bool canRead = !direction.ended && !drained;
+    if (canRead && !direction.pipe) {
       direction.pipe = pipes_.acquire();
       if (!direction.pipe) return fail();
     }
-    if (!direction.ended && direction.buffered < direction.pipe->capacity) {
-      const ssize_t in = ::splice(from, nullptr, direction.pipe->write.get(), nullptr,
-                                  direction.pipe->capacity - direction.buffered, kSpliceFlags);
+    if (canRead && direction.buffered < direction.pipe->capacity) {
+      const std::size_t room = direction.pipe->capacity - direction.buffered;
+      const ssize_t in =
+          ::splice(from, nullptr, direction.pipe->write.get(), nullptr, room, kSpliceFlags);
       if (in < 0 && !wouldBlock()) return fail();
-      if (in >= 0) {
-        direction.ended = in == 0;
-        direction.buffered += static_cast<std::size_t>(in);
-        progressed = true;
-      }
+      drained = in < 0 || static_cast<std::size_t>(in) < room;
+      direction.ended = in == 0;
+      if (in > 0) direction.buffered += static_cast<std::size_t>(in);
+    } else if (direction.buffered == 0 || full) {
+      break;
     }
-    if (direction.buffered > 0) {
+    if (direction.buffered > 0 && !full) {
       const ssize_t out = ::splice(direction.pipe->read.get(), nullptr, to, nullptr,
                                    direction.buffered, kSpliceFlags);
       if (out < 0 && !wouldBlock()) return fail();
-      if (out > 0) {
-        direction.buffered -= static_cast<std::size_t>(out);
-        progressed = true;
-      }
+      full = out < 0 || static_cast<std::size_t>(out) < direction.buffered;
+      if (out > 0) direction.buffered -= static_cast<std::size_t>(out);
     }
+    if ((drained || direction.ended) && (direction.buffered == 0 || full)) break;
   }
   if (direction.buffered == 0 && direction.pipe) {
     pipes_.release(std::move(*direction.pipe));
     direction.pipe.reset();
   }
   if (direction.ended && direction.buffered == 0 && !direction.done) {
-    ::shutdown(to, SHUT_WR);
+    // When the other direction is done too, closing both sockets next ends this one as well.
+    const Direction& other = &direction == &upstream_ ? downstream_ : upstream_;
+    if (!other.done) ::shutdown(to, SHUT_WR);
     direction.done = true;
   }
   return true;

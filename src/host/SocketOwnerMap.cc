@@ -39,36 +39,49 @@ SocketOwnerMap::SocketOwnerMap(std::string procRoot, std::size_t capacity)
 
 std::optional<pid_t> SocketOwnerMap::ownerOf(std::uint64_t inode) {
   if (auto found = owners_.find(inode); found != owners_.end()) return found->second;
-  const auto owner = rescan(inode);
-  if (owner) remember(*owner);
-  return owner;
+  return rescan(inode);
 }
 
 std::optional<pid_t> SocketOwnerMap::rescan(std::uint64_t inode) {
-  for (pid_t pid : std::vector<pid_t>(recent_)) {
-    if (scanProcess(pid, inode)) return pid;
+  for (std::size_t i = 0; i < recent_.size(); ++i) {
+    if (recent_[i].fds && scanDirectory(recent_[i].pid, recent_[i].fds.get(), inode)) {
+      const pid_t pid = recent_[i].pid;
+      std::rotate(recent_.begin(), recent_.begin() + static_cast<std::ptrdiff_t>(i),
+                  recent_.begin() + static_cast<std::ptrdiff_t>(i) + 1);
+      return pid;
+    }
   }
   std::vector<long> pids = numericEntries(proc_root_);
   std::sort(pids.begin(), pids.end(), std::greater<>());
-  for (long pid : pids) {
-    if (pid > 0 && scanProcess(static_cast<pid_t>(pid), inode)) return static_cast<pid_t>(pid);
+  for (long number : pids) {
+    const auto pid = static_cast<pid_t>(number);
+    FdDirectory fds = number > 0 ? openFds(pid) : nullptr;
+    if (fds && scanDirectory(pid, fds.get(), inode)) {
+      remember({pid, std::move(fds)});
+      return pid;
+    }
   }
   return std::nullopt;
 }
 
-void SocketOwnerMap::remember(pid_t pid) {
-  std::erase(recent_, pid);
-  recent_.insert(recent_.begin(), pid);
+// A recent owner keeps its fd directory open: the next lookup only rewinds and reads it. The
+// directory of a process that has gone reads as empty; if its PID comes back as a new process,
+// the walk finds that one and its own directory replaces the old.
+void SocketOwnerMap::remember(RecentOwner owner) {
+  std::erase_if(recent_, [&](const RecentOwner& old) { return old.pid == owner.pid; });
+  recent_.insert(recent_.begin(), std::move(owner));
   if (recent_.size() > kRecentOwners) recent_.pop_back();
+}
+
+SocketOwnerMap::FdDirectory SocketOwnerMap::openFds(pid_t pid) const {
+  return FdDirectory(::opendir((proc_root_ + "/" + std::to_string(pid) + "/fd").c_str()));
 }
 
 // Newest descriptors first: a new socket usually takes the next number up, so the lookup for a
 // connection just made tends to end at the first link read. Links are read relative to the open
 // fd directory, without a path walk per descriptor.
-bool SocketOwnerMap::scanProcess(pid_t pid, std::uint64_t inode) {
-  const std::string fdPath = proc_root_ + "/" + std::to_string(pid) + "/fd";
-  DIR* directory = ::opendir(fdPath.c_str());
-  if (directory == nullptr) return false;
+bool SocketOwnerMap::scanDirectory(pid_t pid, DIR* directory, std::uint64_t inode) {
+  ::rewinddir(directory);
   std::vector<int> fds;
   while (const dirent* entry = ::readdir(directory)) {
     if (auto fd = parseDecimal<int>(entry->d_name)) fds.push_back(*fd);
@@ -85,7 +98,6 @@ bool SocketOwnerMap::scanProcess(pid_t pid, std::uint64_t inode) {
     record(*socket, pid);
     holds = *socket == inode;
   }
-  ::closedir(directory);
   return holds;
 }
 

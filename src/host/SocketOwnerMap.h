@@ -7,9 +7,11 @@
 // connections: a long-running client opens one connection after another, and is then found
 // without a walk. Used from one thread at a time (each lane has its own).
 
+#include <dirent.h>
 #include <sys/types.h>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -27,11 +29,21 @@ class SocketOwnerMap {
   std::size_t cachedCountForTest() const { return owners_.size(); }
 
  private:
+  struct CloseDirectory {
+    void operator()(DIR* directory) const { ::closedir(directory); }
+  };
+  using FdDirectory = std::unique_ptr<DIR, CloseDirectory>;
+  struct RecentOwner {
+    pid_t pid;
+    FdDirectory fds;  // its /proc/PID/fd, kept open; null if it could not be opened
+  };
+
   std::optional<pid_t> rescan(std::uint64_t inode);
+  FdDirectory openFds(pid_t pid) const;
   // Records the process's sockets down to `inode`; true when it holds it.
-  bool scanProcess(pid_t pid, std::uint64_t inode);
+  bool scanDirectory(pid_t pid, DIR* directory, std::uint64_t inode);
   void record(std::uint64_t inode, pid_t pid);
-  void remember(pid_t pid);
+  void remember(RecentOwner owner);
 
   // How many recent owners are looked at before the walk.
   static constexpr std::size_t kRecentOwners = 8;
@@ -39,7 +51,7 @@ class SocketOwnerMap {
   const std::string proc_root_;
   const std::size_t capacity_;
   std::unordered_map<std::uint64_t, pid_t> owners_;
-  std::vector<pid_t> recent_;  // most recent first
+  std::vector<RecentOwner> recent_;  // most recent first
 };
 
 // The inode named by a descriptor link's text "socket:[12345]"; absent for anything else.
