@@ -77,37 +77,37 @@ void FlowIntake::close() {
 }
 
 void FlowIntake::onIoEvent(std::uint32_t tag, std::uint32_t) {
-  if (tag < listeners_.size() && listeners_[tag]) acceptFrom(listeners_[tag].get());
+  if (tag < listeners_.size() && listeners_[tag]) acceptFrom(tag);
 }
 
-void FlowIntake::acceptFrom(int listener) {
+// Every waiting connection is accepted first; the slower work of naming each one's process
+// follows, so a burst of connections is taken off the listener's queue at once.
+void FlowIntake::acceptFrom(std::size_t index) {
+  const int listener = listeners_[index].get();
+  const int family = index == 0 ? AF_INET : AF_INET6;
+  const auto self = literalAddress(kLoopbacks[index], port_);
+  std::vector<Accepted> accepted;
   for (;;) {
     SocketAddress peer;
     peer.length = sizeof peer.storage;
     UniqueFd client(::accept4(listener, reinterpret_cast<sockaddr*>(&peer.storage), &peer.length,
                               SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (client) {
-      acceptOne(std::move(client), peer);
+      // A connection made to the listener itself has itself as its destination.
+      auto destination = parts_.destinationOf(client.get(), family);
+      if (!destination || sameSocketAddress(*destination, *self)) {
+        hostLog().error(
+            "intake: connection to the listener itself or without a destination — closed");
+        continue;
+      }
+      accepted.push_back({std::move(client), peer, *destination});
       continue;
     }
     if (errno == EINTR || errno == ECONNABORTED) continue;
     if (errno == EMFILE || errno == ENFILE) shedOne(listener);
-    return;
+    break;
   }
-}
-
-void FlowIntake::acceptOne(UniqueFd client, const SocketAddress& peer) {
-  const auto local = localAddress(client.get());
-  const auto destination = parts_.destinationOf(client.get());
-  if (!local || !destination || sameSocketAddress(*destination, *local)) {
-    hostLog().error("intake: connection to the listener itself or without a destination — closed");
-    return;
-  }
-  parts_.loop->post([weak = weak_from_this(),
-                      client = std::make_shared<UniqueFd>(std::move(client)), peer,
-                      destination = *destination] {
-    if (auto self = weak.lock()) self->identifyAndOffer(std::move(*client), peer, destination);
-  });
+  for (Accepted& one : accepted) identifyAndOffer(std::move(one.client), one.peer, one.destination);
 }
 
 void FlowIntake::identifyAndOffer(UniqueFd client, const SocketAddress& peer,

@@ -17,6 +17,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "host/FlowIdentifier.h"
 #include "host/HandBackCarrier.h"
@@ -30,7 +31,8 @@ namespace tarnwick::host {
 
 class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowIntake> {
  public:
-  using DestinationLookup = std::function<std::optional<SocketAddress>(int fd)>;
+  // The destination a connection of the given address family was redirected from.
+  using DestinationLookup = std::function<std::optional<SocketAddress>(int fd, int family)>;
   // The metadata of the process behind a connection; runs on the loop's lane.
   using Identify =
       std::function<NEFlowMetaData(const SocketAddress& client, const SocketAddress& destination)>;
@@ -61,8 +63,13 @@ class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowInt
 
  private:
   explicit FlowIntake(Parts parts);
-  void acceptFrom(int listener);
-  void acceptOne(UniqueFd client, const SocketAddress& peer);
+  struct Accepted {
+    UniqueFd client;
+    SocketAddress peer;
+    SocketAddress destination;
+  };
+
+  void acceptFrom(std::size_t index);
   void identifyAndOffer(UniqueFd client, const SocketAddress& peer,
                         const SocketAddress& destination);
   void offer(const std::shared_ptr<class SocketFlow>& flow, const SocketAddress& destination);

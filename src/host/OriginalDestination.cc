@@ -24,10 +24,8 @@ std::optional<SocketAddress> destinationOption(int fd, int level, int option) {
 
 }  // namespace
 
-std::optional<SocketAddress> originalDestination(int fd) {
-  const auto local = localAddress(fd);
-  if (!local) return std::nullopt;
-  if (local->family() == AF_INET6) return destinationOption(fd, SOL_IPV6, IP6T_SO_ORIGINAL_DST);
+std::optional<SocketAddress> originalDestination(int fd, int family) {
+  if (family == AF_INET6) return destinationOption(fd, SOL_IPV6, IP6T_SO_ORIGINAL_DST);
   return destinationOption(fd, SOL_IP, SO_ORIGINAL_DST);
 }
 

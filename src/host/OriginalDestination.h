@@ -11,7 +11,7 @@ namespace tarnwick::host {
 
 // The destination before the redirect (SO_ORIGINAL_DST or IP6T_SO_ORIGINAL_DST, by the accepted
 // socket's family); absent when the connection was not redirected.
-std::optional<SocketAddress> originalDestination(int fd);
+std::optional<SocketAddress> originalDestination(int fd, int family);
 
 // The flow's remote endpoint: the address as an IP literal (IPv6 without brackets) and the port
 // as decimal text. An IPv4-mapped IPv6 address is named as the IPv4 address it carries.

@@ -133,8 +133,8 @@ class ProxyHostTest : public ::testing::Test {
     options.installRules = false;
     options.settings.listenPort = 0;
     options.settings.controlSocketPath = controlPath_;
-    options.destinationOf = [this](int fd) {
-      return redirected_ ? destination_ : originalDestination(fd);
+    options.destinationOf = [this](int fd, int family) {
+      return redirected_ ? destination_ : originalDestination(fd, family);
     };
     // The client's own address, as identification must look it up.
     options.identify = [](const SocketAddress& client, const SocketAddress& destination) {
