@@ -21,6 +21,7 @@ PATHS=${PATHS:-direct handback relayed explicit redsocks}
 
 BIN=$(readlink -f "$BUILD/src/cli/tarnwick-proxyext")
 FRONTDOOR=$(readlink -f "$BUILD/tools/frontdoor/tarnwick-frontdoor")
+DAEMON=$(readlink -f "$BUILD/tools/daemon/tarnwick-daemon")
 AGENT=tw-bench-agent-$$
 WORLD=tw-bench-world-$$
 AGENT_IP=198.18.0.1
@@ -79,7 +80,7 @@ if [ "$(id -u)" -ne 0 ]; then
   note "bench: run as root (network namespaces and nftables): sudo make bench-macro"
   exit 2
 fi
-for tool in "$BIN" "$FRONTDOOR" "$BUILD/bench/macro/tw-macro-load"; do
+for tool in "$BIN" "$FRONTDOOR" "$DAEMON" "$BUILD/bench/macro/tw-macro-load"; do
   [ -x "$tool" ] || { note "bench: $tool is missing; run 'make build' first"; exit 2; }
 done
 command -v redsocks >/dev/null || PATHS=${PATHS/redsocks/}
@@ -105,6 +106,9 @@ ip -n "$WORLD" link set twbw$$ up
 
 start "$WORK/server.log" "$WORLD" "$LOAD" serve "$SERVER_PORT"
 wait_for "the server" port_open "$WORLD" "$WORLD_IP" "$SERVER_PORT"
+# The daemon takes the interceptor's events, as it does beside a real agent.
+start "$WORK/daemon.log" "$AGENT" "$DAEMON" --socket "$WORK/daemon.sock" --json
+wait_for "the daemon" test -S "$WORK/daemon.sock"
 start "$WORK/frontdoor.log" "$AGENT" "$FRONTDOOR" --listen "127.0.0.1:$FRONTDOOR_PORT" \
   --mark "$MARK"
 wait_for "the front door" port_open "$AGENT" 127.0.0.1 "$FRONTDOOR_PORT"

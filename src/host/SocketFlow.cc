@@ -66,7 +66,12 @@ void SocketFlow::readData(ReadCompletion completion) {
           [completion = std::move(completion)] { completion(std::nullopt, notOpenError()); });
     } else {
       pending_read_ = std::move(completion);
-      tryReadLockHeld(out);
+      // A socket the last read emptied is most likely still empty: wait for it instead.
+      if (may_have_more_) {
+        tryReadLockHeld(out);
+      } else {
+        rearmLockHeld();
+      }
     }
   }
   post(out);
@@ -127,6 +132,7 @@ void SocketFlow::onIoEvent(std::uint32_t, std::uint32_t) {
   std::vector<Work> out;
   {
     MutexLock lock(mutex_);
+    may_have_more_ = true;
     tryReadLockHeld(out);
     if (!pending_writes_.empty()) tryWriteLockHeld(out);
   }
@@ -140,6 +146,7 @@ void SocketFlow::tryReadLockHeld(std::vector<Work>& out) {
   do {
     got = ::recv(socket_.get(), scratch.data(), scratch.size(), MSG_DONTWAIT);
   } while (got < 0 && errno == EINTR);
+  may_have_more_ = got == static_cast<ssize_t>(scratch.size());
   if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return rearmLockHeld();
   auto completion = std::exchange(pending_read_, nullptr);
   if (got < 0) {

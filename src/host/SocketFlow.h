@@ -4,7 +4,8 @@
 // never run inside the provider's call.
 //
 // An idle flow holds no buffer: a read waits for readiness on the host loop and only then reads
-// into the loop's scratch space, copying out exactly what arrived. Writes go straight to the
+// into the loop's scratch space, copying out exactly what arrived. A read reads at once when the
+// last one filled the scratch space, since more is then likely waiting. Writes go straight to the
 // socket; what does not fit waits for writability.
 //
 // Methods: any thread. onIoEvent: the loop thread. mutex_ guards the socket and the pending
@@ -76,6 +77,9 @@ class SocketFlow : public NEAppProxyTCPFlow,
   bool write_closed_ TW_GUARDED_BY(mutex_) = false;
   bool write_shut_ TW_GUARDED_BY(mutex_) = false;
   ReadCompletion pending_read_ TW_GUARDED_BY(mutex_);
+  // Whether the socket may hold more than the last read took; a new flow's client has usually
+  // sent something already.
+  bool may_have_more_ TW_GUARDED_BY(mutex_) = true;
   std::deque<PendingWrite> pending_writes_ TW_GUARDED_BY(mutex_);
 };
 

@@ -12,9 +12,9 @@
 //
 // Data: sends queue until ready and are written one after another; a send completes when all of
 // its bytes are written; an absent or empty send with isComplete shuts down the write side. A
-// receive reads what the socket already has, up to its maximum, until its minimum is met; on an
-// empty socket it waits for readability without a buffer, so an idle connection holds no
-// receive memory. After ready, an
+// receive reads what the socket already has, up to its maximum, until its minimum is met; on a
+// socket the last read emptied it waits for readability without a buffer, so an idle
+// connection holds no receive memory. After ready, an
 // I/O error completes the operation it hit (a receive also gets the bytes read before it) and the
 // state stays ready: only cancel() ends the connection.
 //
@@ -122,6 +122,8 @@ class AsioConnection : public NWConnection, public std::enable_shared_from_this<
   bool awaitingReadable_ TW_GUARDED_BY(mutex_) = false;
   Bytes inbound_ TW_GUARDED_BY(mutex_);  // read for receives_.front(); empty while idle
   bool readEnded_ TW_GUARDED_BY(mutex_) = false;
+  // Whether the socket may hold more than the last read took.
+  bool mayHaveMore_ TW_GUARDED_BY(mutex_) = false;
   std::optional<NWError> readError_ TW_GUARDED_BY(mutex_);
 
   std::vector<Work> outbox_ TW_GUARDED_BY(mutex_);

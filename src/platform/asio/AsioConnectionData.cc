@@ -54,8 +54,10 @@ void AsioConnection::completeSendLocked(std::optional<NWError> error) {
   }
 }
 
-// Bytes already in the socket are read at once; only an empty socket is waited for, and the wait
-// needs no buffer: memory is taken only once bytes are there.
+// A receive reads at once only when the last read left bytes behind (it filled its buffer) or
+// the socket has just been reported readable; otherwise the socket was emptied and a read would
+// most likely find nothing, so it waits. The wait needs no buffer: memory is taken only once
+// bytes are there.
 void AsioConnection::readNextLocked() {
   if (state_ != Kind::Ready || awaitingReadable_) return;
   for (;;) {
@@ -63,7 +65,7 @@ void AsioConnection::readNextLocked() {
       completeReceiveLocked(readEnded_, readError_);
     }
     if (receives_.empty()) return;
-    if (!readAvailableLocked()) break;
+    if (!mayHaveMore_ || !readAvailableLocked()) break;
   }
   awaitingReadable_ = true;
   socket_.async_wait(
@@ -77,6 +79,7 @@ void AsioConnection::onReadable(const asio::error_code& error) {
     awaitingReadable_ = false;
     if (state_ != Kind::Ready) return;
     if (error) readError_ = errorOf(error);
+    mayHaveMore_ = true;
     readNextLocked();
   }
   flushOutbox();
@@ -91,6 +94,7 @@ bool AsioConnection::readAvailableLocked() {
   const std::size_t want = std::min(head.maximum - inbound_.size(), scratch.size());
   asio::error_code error;
   const std::size_t got = socket_.read_some(asio::buffer(scratch.data(), want), error);
+  mayHaveMore_ = !error && got == want;
   if (error == asio::error::would_block) return false;
   if (error == asio::error::eof) {
     readEnded_ = true;
