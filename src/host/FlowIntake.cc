@@ -51,6 +51,8 @@ bool FlowIntake::listen(std::uint16_t port, std::string& error) {
   for (std::size_t i = 0; i < listeners_.size(); ++i) {
     const auto address = literalAddress(kLoopbacks[i], port);
     UniqueFd listener = bindTcpSocket(*address, error, PortSharing::Shared);
+    // Accepted connections inherit it: the host never holds back a client's small segments.
+    if (listener) setNoDelay(listener.get());
     if (listener && ::listen(listener.get(), SOMAXCONN) != 0) {
       error = std::string("listen: ") + std::strerror(errno);
       listener.reset();

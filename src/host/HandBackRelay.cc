@@ -65,7 +65,6 @@ void HandBackRelay::onConnected() {
   if (connectError(destination_.get()) != 0) return finish(/*reset=*/true);
   connecting_ = false;
   setNoDelay(destination_.get());
-  setNoDelay(client_.get());
   // The client may already have sent its request; it waits in the socket for this first pump.
   if (!pump(upstream_)) return;
   updateInterest();
