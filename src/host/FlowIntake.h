@@ -1,9 +1,9 @@
 #pragma once
 // Turns redirected connections into flows. Listens on 127.0.0.1 and ::1; for each accepted
 // connection it reads the original destination (a connection aimed at the listener itself is
-// closed, so the host never loops into itself), then, as work of its own after the accept loop,
-// names the owning process and offers the flow to the provider. A flow the provider does not
-// take goes to the hand-back carrier.
+// closed, so the host never loops into itself), then, once the accept loop has emptied the
+// listener's queue, names the owning process and offers the flow to the provider. A flow the
+// provider does not take goes to the hand-back carrier.
 //
 // The host runs one intake per lane, all listening on one shared port: the kernel spreads new
 // connections over them, and each flow lives on the lane that accepted it, with its framework
