@@ -20,19 +20,17 @@ namespace tarnwick {
 
 class IoLane {
  public:
-  // One wait at a time for a file descriptor the caller owns and keeps open while watched. Its
-  // methods and its destructor: the lane thread only.
+  // One wait at a time for a file descriptor the caller owns and keeps open while watched. A
+  // pending wait's `then` never runs once the watch is destroyed. Its methods and its
+  // destructor: the lane thread only.
   class ReadableWatch {
    public:
     virtual ~ReadableWatch() = default;
     // `then` runs once on the lane when the descriptor is readable or has an error condition.
     virtual void wait(Work then) = 0;
-    // A pending `then` never runs.
-    virtual void cancel() = 0;
   };
 
   virtual ~IoLane() = default;
-  virtual std::size_t index() const = 0;
   // Runs `work` on the lane, after the work already given to it.
   virtual void post(Work work) = 0;
   virtual bool isCurrent() const = 0;
@@ -41,8 +39,6 @@ class IoLane {
 
 std::size_t ioLaneCount();
 IoLane& ioLane(std::size_t index);
-// The calling thread's lane; nullptr on any other thread.
-IoLane* currentIoLane();
 // The calling thread's lane, or the next lane in turn.
 IoLane& pickIoLane();
 

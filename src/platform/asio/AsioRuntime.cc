@@ -15,35 +15,29 @@ constexpr std::size_t kMaxLanes = 8;
 
 thread_local AsioLane* tlsLane = nullptr;
 
-// Watches a descriptor the caller owns: released, never closed, when the watch goes.
+// Watches a descriptor the caller owns: released, never closed, when the watch goes. A
+// completion already queued when it goes finds `watched_` false and does nothing.
 class AsioReadableWatch : public IoLane::ReadableWatch {
  public:
   AsioReadableWatch(asio::io_context& context, int fd) : descriptor_(context, fd) {}
   ~AsioReadableWatch() override {
-    cancel();
+    *watched_ = false;
+    asio::error_code ignored;
+    descriptor_.cancel(ignored);
     descriptor_.release();
   }
 
   void wait(Work then) override {
     descriptor_.async_wait(asio::posix::descriptor_base::wait_read,
-                           [generation = generation_, live = live_,
-                            then = std::move(then)](const asio::error_code& error) {
-                             if (!error && *live == generation) then();
+                           [watched = watched_, then = std::move(then)](
+                               const asio::error_code& error) {
+                             if (!error && *watched) then();
                            });
-  }
-
-  // A completion already queued with success is stopped by the generation it carries.
-  void cancel() override {
-    ++*live_;
-    ++generation_;
-    asio::error_code ignored;
-    descriptor_.cancel(ignored);
   }
 
  private:
   asio::posix::stream_descriptor descriptor_;
-  std::uint64_t generation_ = 0;
-  const std::shared_ptr<std::uint64_t> live_ = std::make_shared<std::uint64_t>(0);
+  const std::shared_ptr<bool> watched_ = std::make_shared<bool>(true);
 };
 
 }  // namespace
@@ -103,8 +97,6 @@ std::shared_ptr<Runtime> realRuntime() { return processAsioRuntime(); }
 std::size_t ioLaneCount() { return processAsioRuntime()->laneCount(); }
 
 IoLane& ioLane(std::size_t index) { return processAsioRuntime()->lane(index); }
-
-IoLane* currentIoLane() { return AsioLane::current(); }
 
 IoLane& pickIoLane() { return processAsioRuntime()->pickLane(); }
 

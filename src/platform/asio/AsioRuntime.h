@@ -29,7 +29,6 @@ class AsioLane : public IoLane {
   AsioLane(const AsioLane&) = delete;
   AsioLane& operator=(const AsioLane&) = delete;
 
-  std::size_t index() const override { return index_; }
   void post(Work work) override;
   bool isCurrent() const override;
   std::unique_ptr<ReadableWatch> watchReadable(int fd) override;
