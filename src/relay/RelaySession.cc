@@ -90,15 +90,17 @@ void RelaySession::onAgentRead(std::optional<Bytes> data, bool failed) {
       break;
   }
   if (idle) idle->kick();
-  upstream->send(std::move(*data), true, [weak = weak_from_this()](std::optional<NWError> e) {
-    auto self = weak.lock();
-    if (!self) return;
-    if (e) {
-      self->onUpstreamWriteFailed();
-    } else {
-      self->readAgent();
-    }
-  });
+  upstream->send(std::move(*data), true,
+                 [weak = weak_from_this(), to = std::weak_ptr<NWConnection>(upstream)](
+                     std::optional<NWError> e) {
+                   auto self = weak.lock();
+                   if (!self) return;
+                   if (e) {
+                     self->onUpstreamWriteFailed(to.lock());
+                   } else {
+                     self->readAgent();
+                   }
+                 });
 }
 
 RelaySession::AgentStep RelaySession::takeAgentChunkLockHeld(const std::optional<Bytes>& data,
@@ -220,14 +222,18 @@ void RelaySession::onIdle() {
   finish();
 }
 
-void RelaySession::onUpstreamWriteFailed() {
+// The send may have gone to a front door that a failover has cancelled since: the agent pump
+// read those bytes before the failover took the replay copy, so they are in it. Such a failure
+// says nothing about the connection now upstream, which may already be the spliced destination.
+void RelaySession::onUpstreamWriteFailed(const std::shared_ptr<NWConnection>& to) {
   enum class Next { KeepReading, Failover, Sever, Close } next;
   {
     MutexLock lock(mutex_);
     if (phase_ == Phase::Done) return;
-    if (!committed_) {
-      // During a failover the bytes of the failed send are already in the replay copy.
-      next = phase_ == Phase::FailingOver || failedOver_ ? Next::KeepReading : Next::Failover;
+    if (phase_ == Phase::FailingOver || to != upstream_) {
+      next = Next::KeepReading;
+    } else if (!committed_) {
+      next = Next::Failover;
     } else {
       next = failedOver_ ? Next::Close : Next::Sever;
     }

@@ -69,7 +69,7 @@ class RelaySession : public std::enable_shared_from_this<RelaySession> {
   void deliverToAgent(std::shared_ptr<NWConnection> conn, Bytes bytes, bool ended);
   void onFirstResponseByte();
   void onIdle();
-  void onUpstreamWriteFailed();
+  void onUpstreamWriteFailed(const std::shared_ptr<NWConnection>& to);
   void reportSever();
   void dropReplayLockHeld() TW_REQUIRES(mutex_);
 
