@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <future>
 #include <memory>
 #include <string>
 #include <vector>
@@ -71,19 +70,17 @@ class RelayingProvider {
   }
 
   // The agent's end of a new relayed flow, offered on the loop's lane as the host's intake
-  // offers it: the flow's framework queue, its relay and its connections share that lane.
+  // offers it: the flow's framework queue, its relay and its connections share that lane. As
+  // with a redirected connect(), the agent may write at once, before the offer has run.
   UniqueFd open() {
     int pair[2];
     ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair);
-    std::promise<void> offered;
-    loop_->post([this, fd = pair[1], &offered] {
+    loop_->post([this, fd = pair[1]] {
       auto flow = host::SocketFlow::create(
           loop_, UniqueFd(fd), NWHostEndpoint{"127.0.0.1", std::to_string(destination_port_)},
           meta_, realRuntime()->makeQueue("framework", QualityOfService::Default));
       provider_->handleNewFlow(flow);
-      offered.set_value();
     });
-    offered.get_future().wait();
     return UniqueFd(pair[0]);
   }
 
