@@ -19,19 +19,9 @@ constexpr const char* kLoopbacks[2] = {"127.0.0.1", "::1"};
 
 UniqueFd openSpare() { return UniqueFd(::open("/dev/null", O_RDONLY | O_CLOEXEC)); }
 
-}  // namespace
-
-std::shared_ptr<FlowIntake> FlowIntake::create(Parts parts) {
-  return std::shared_ptr<FlowIntake>(new FlowIntake(std::move(parts)));
-}
-
-FlowIntake::FlowIntake(Parts parts) : parts_(std::move(parts)), spare_(openSpare()) {}
-
-FlowIntake::~FlowIntake() { close(); }
-
 // Bound exclusively, so a port another process listens on, shared or not, is refused; the
 // sockets close at once and never listened, so the port is free again for the intakes.
-std::optional<std::uint16_t> FlowIntake::reservePort(std::uint16_t port, std::string& error) {
+std::optional<std::uint16_t> probeBoth(std::uint16_t port, std::string& error) {
   std::array<UniqueFd, 2> probes;
   for (std::size_t i = 0; i < probes.size(); ++i) {
     const auto address = literalAddress(kLoopbacks[i], port);
@@ -44,6 +34,25 @@ std::optional<std::uint16_t> FlowIntake::reservePort(std::uint16_t port, std::st
     if (port == 0) port = portOf(localAddress(probes[i].get()).value_or(*address));
   }
   return port;
+}
+
+}  // namespace
+
+std::shared_ptr<FlowIntake> FlowIntake::create(Parts parts) {
+  return std::shared_ptr<FlowIntake>(new FlowIntake(std::move(parts)));
+}
+
+FlowIntake::FlowIntake(Parts parts) : parts_(std::move(parts)), spare_(openSpare()) {}
+
+FlowIntake::~FlowIntake() { close(); }
+
+// The port the first address is given for 0 may be in use on the other one, so a few are tried.
+std::optional<std::uint16_t> FlowIntake::reservePort(std::uint16_t port, std::string& error) {
+  constexpr int kAnyPortAttempts = 8;
+  for (int attempt = 1;; ++attempt) {
+    const auto reserved = probeBoth(port, error);
+    if (reserved || port != 0 || attempt == kAnyPortAttempts) return reserved;
+  }
 }
 
 bool FlowIntake::listen(std::uint16_t port, std::string& error) {
