@@ -9,6 +9,7 @@
 
 #include "host/HostLog.h"
 #include "host/OriginalDestination.h"
+#include "host/OwnerWalker.h"
 #include "host/SocketFlow.h"
 #include "platform/posix/Sockets.h"
 
@@ -123,15 +124,20 @@ void FlowIntake::acceptFrom(std::size_t index) {
 
 void FlowIntake::identifyAndOffer(UniqueFd client, const SocketAddress& peer,
                                   const SocketAddress& destination) {
-  NEFlowMetaData metaData = parts_.identify(peer, destination);
+  auto held = std::make_shared<UniqueFd>(std::move(client));
+  parts_.identify(peer, destination,
+                  [weak = weak_from_this(), held, destination](NEFlowMetaData metaData) {
+                    if (auto self = weak.lock()) {
+                      self->offer(std::move(*held), destination, std::move(metaData));
+                    }
+                  });
+}
+
+void FlowIntake::offer(UniqueFd client, const SocketAddress& destination, NEFlowMetaData metaData) {
   auto queue = parts_.runtime->makeQueue("dev.fernquill.tarnwick.host.flow",
                                          QualityOfService::UserInitiated);
   auto flow = SocketFlow::create(parts_.loop, std::move(client), hostEndpointOf(destination),
                                  std::move(metaData), std::move(queue));
-  offer(flow, destination);
-}
-
-void FlowIntake::offer(const std::shared_ptr<SocketFlow>& flow, const SocketAddress& destination) {
   if (parts_.provider->handleNewFlow(flow)) return;
   if (auto socket = flow->takeSocket()) parts_.carrier->carry(std::move(*socket), destination);
 }
@@ -144,11 +150,27 @@ void FlowIntake::shedOne(int listener) {
   spare_ = openSpare();
 }
 
+namespace {
+
 // One identifier per lane thread: its caches are the lane's own and need no lock.
-FlowIntake::Identify realIdentification() {
-  return [](const SocketAddress& client, const SocketAddress& destination) {
-    thread_local FlowIdentifier identifier;
-    return identifier.identify(client, destination);
+FlowIdentifier& laneIdentifier() {
+  thread_local FlowIdentifier identifier;
+  return identifier;
+}
+
+}  // namespace
+
+FlowIntake::Identify realIdentification(std::shared_ptr<HostLoop> loop,
+                                        std::shared_ptr<OwnerWalker> walker) {
+  return [loop = std::move(loop), walker = std::move(walker)](const SocketAddress& client,
+                                                              const SocketAddress& destination,
+                                                              FlowIntake::Identified then) {
+    FlowIdentifier::QuickAnswer answer = laneIdentifier().identifyWithoutWalk(client, destination);
+    if (!answer.walkFor) return then(std::move(answer.metaData));
+    walker->find(*answer.walkFor, [loop, inode = *answer.walkFor,
+                                   then = std::move(then)](std::optional<pid_t> owner) {
+      loop->post([inode, owner, then] { then(laneIdentifier().ownerFound(inode, owner)); });
+    });
   };
 }
 

@@ -3,7 +3,8 @@
 // connection it reads the original destination (a connection aimed at the listener itself is
 // closed, so the host never loops into itself), then, once the accept loop has emptied the
 // listener's queue, names the owning process and offers the flow to the provider. A flow the
-// provider does not take goes to the hand-back carrier.
+// provider does not take goes to the hand-back carrier. A connection whose process takes a walk
+// of /proc to find waits for it off the lane; the others go on meanwhile.
 //
 // The host runs one intake per lane, all listening on one shared port: the kernel spreads new
 // connections over them, and each flow lives on the lane that accepted it, with its framework
@@ -33,9 +34,11 @@ class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowInt
  public:
   // The destination a connection of the given address family was redirected from.
   using DestinationLookup = std::function<std::optional<SocketAddress>(int fd, int family)>;
-  // The metadata of the process behind a connection; runs on the loop's lane.
-  using Identify =
-      std::function<NEFlowMetaData(const SocketAddress& client, const SocketAddress& destination)>;
+  // Hands the metadata of the process behind a connection to `then`, on the loop's lane: at
+  // once, or later when the process must be searched for off the lane. Called on the lane.
+  using Identified = std::function<void(NEFlowMetaData)>;
+  using Identify = std::function<void(const SocketAddress& client, const SocketAddress& destination,
+                                      Identified then)>;
 
   struct Parts {
     std::shared_ptr<HostLoop> loop;
@@ -72,7 +75,7 @@ class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowInt
   void acceptFrom(std::size_t index);
   void identifyAndOffer(UniqueFd client, const SocketAddress& peer,
                         const SocketAddress& destination);
-  void offer(const std::shared_ptr<class SocketFlow>& flow, const SocketAddress& destination);
+  void offer(UniqueFd client, const SocketAddress& destination, NEFlowMetaData metaData);
   // Out of descriptors: accept with the spare one and drop the connection, so the listener's
   // readiness does not spin the loop.
   void shedOne(int listener);
@@ -84,7 +87,9 @@ class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowInt
   std::uint16_t port_ = 0;
 };
 
-// The identification every real host uses: sock_diag, /proc and the process's metadata.
-FlowIntake::Identify realIdentification();
+// The identification every real host uses: sock_diag, /proc and the process's metadata. What
+// the lane's caches miss is searched for by `walker`, and the answer comes back through `loop`.
+FlowIntake::Identify realIdentification(std::shared_ptr<HostLoop> loop,
+                                        std::shared_ptr<class OwnerWalker> walker);
 
 }  // namespace tarnwick::host

@@ -7,6 +7,7 @@
 #include "host/HostLog.h"
 #include "host/NftRuleset.h"
 #include "host/OriginalDestination.h"
+#include "host/OwnerWalker.h"
 #include "platform/Network.h"
 
 namespace tarnwick::host {
@@ -30,7 +31,13 @@ ProxyHost::ProxyHost(std::shared_ptr<NETransparentProxyProvider> provider, Optio
     : provider_(std::move(provider)),
       options_(std::move(options)),
       framework_(runtimeOr(options_.runtime)
-                     ->makeQueue("dev.fernquill.tarnwick.host", QualityOfService::UserInitiated)) {
+                     ->makeQueue("dev.fernquill.tarnwick.host", QualityOfService::UserInitiated)),
+      walker_(options_.identify
+                  ? nullptr
+                  : std::make_shared<OwnerWalker>(
+                        runtimeOr(options_.runtime)
+                            ->makeQueue("dev.fernquill.tarnwick.host.owners",
+                                        QualityOfService::Utility, QueueKind::Blocking))) {
   for (std::size_t i = 0; i < ioLaneCount(); ++i) {
     lanes_.push_back({std::make_shared<HostLoop>(ioLane(i)), nullptr, nullptr});
   }
@@ -92,12 +99,11 @@ std::optional<std::string> ProxyHost::listenOn(Lane& lane, std::uint16_t port) {
   lane.carrier = std::make_shared<HandBackCarrier>(
       lane.loop,
       options_.installRules ? std::optional(options_.settings.socketMark) : std::nullopt);
-  lane.intake = FlowIntake::create({lane.loop, runtimeOr(options_.runtime), lane.carrier,
-                                    provider_,
-                                    options_.destinationOf
-                                        ? options_.destinationOf
-                                        : FlowIntake::DestinationLookup(originalDestination),
-                                    options_.identify ? options_.identify : realIdentification()});
+  lane.intake = FlowIntake::create(
+      {lane.loop, runtimeOr(options_.runtime), lane.carrier, provider_,
+       options_.destinationOf ? options_.destinationOf
+                              : FlowIntake::DestinationLookup(originalDestination),
+       options_.identify ? options_.identify : realIdentification(lane.loop, walker_)});
   std::string error;
   if (!lane.intake->listen(port, error)) return error;
   return std::nullopt;

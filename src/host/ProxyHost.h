@@ -18,6 +18,7 @@
 #include "host/HostLoop.h"
 #include "host/HostSettings.h"
 #include "host/NftTable.h"
+#include "host/OwnerWalker.h"
 #include "platform/Mutex.h"
 #include "platform/NetworkExtension.h"
 
@@ -74,6 +75,8 @@ class ProxyHost : public NETunnelHost, public std::enable_shared_from_this<Proxy
   const std::shared_ptr<NETransparentProxyProvider> provider_;
   const Options options_;
   const std::shared_ptr<DispatchQueue> framework_;
+  // Searches /proc for the lanes, unless identification is given.
+  const std::shared_ptr<OwnerWalker> walker_;
   std::vector<Lane> lanes_;
   std::uint16_t port_ = 0;
   std::shared_ptr<ControlServer> control_;

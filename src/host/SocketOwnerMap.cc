@@ -38,11 +38,12 @@ SocketOwnerMap::SocketOwnerMap(std::string procRoot, std::size_t capacity)
     : proc_root_(std::move(procRoot)), capacity_(capacity) {}
 
 std::optional<pid_t> SocketOwnerMap::ownerOf(std::uint64_t inode) {
-  if (auto found = owners_.find(inode); found != owners_.end()) return found->second;
-  return rescan(inode);
+  if (auto known = knownOwnerOf(inode)) return known;
+  return walk(inode);
 }
 
-std::optional<pid_t> SocketOwnerMap::rescan(std::uint64_t inode) {
+std::optional<pid_t> SocketOwnerMap::knownOwnerOf(std::uint64_t inode) {
+  if (auto found = owners_.find(inode); found != owners_.end()) return found->second;
   for (std::size_t i = 0; i < recent_.size(); ++i) {
     if (recent_[i].fds && scanDirectory(recent_[i].pid, recent_[i].fds.get(), inode)) {
       const pid_t pid = recent_[i].pid;
@@ -51,6 +52,10 @@ std::optional<pid_t> SocketOwnerMap::rescan(std::uint64_t inode) {
       return pid;
     }
   }
+  return std::nullopt;
+}
+
+std::optional<pid_t> SocketOwnerMap::walk(std::uint64_t inode) {
   std::vector<long> pids = numericEntries(proc_root_);
   std::sort(pids.begin(), pids.end(), std::greater<>());
   for (long number : pids) {
@@ -62,6 +67,11 @@ std::optional<pid_t> SocketOwnerMap::rescan(std::uint64_t inode) {
     }
   }
   return std::nullopt;
+}
+
+void SocketOwnerMap::learn(std::uint64_t inode, pid_t pid) {
+  record(inode, pid);
+  remember({pid, openFds(pid)});
 }
 
 // A recent owner keeps its fd directory open: the next lookup only rewinds and reads it. The

@@ -1,11 +1,10 @@
 #pragma once
 // Which process holds a socket, by the socket's inode. Answers come from a cache of every socket
-// inode seen in /proc/PID/fd; a miss rescans. The rescan walks the newest processes first (the
-// highest PIDs; a connection usually comes from a process that just started or is already
-// known), each from its newest descriptor down, and stops at the socket, recording every socket
-// it passes on the way. Before that it looks at the few processes that owned the latest
-// connections: a long-running client opens one connection after another, and is then found
-// without a walk. Used from one thread at a time (each lane has its own).
+// inode seen in /proc/PID/fd; on a miss it looks at the few processes that owned the latest
+// connections (a long-running client opens one connection after another), and only then walks
+// /proc. The walk takes the newest processes first (the highest PIDs; a connection usually comes
+// from a process that just started), each from its newest descriptor down, and stops at the
+// socket, recording every socket it passes on the way. Used from one thread at a time.
 
 #include <dirent.h>
 #include <sys/types.h>
@@ -24,7 +23,14 @@ class SocketOwnerMap {
   // `procRoot` is "/proc" except in tests; `capacity` bounds the cache (it is emptied when full).
   explicit SocketOwnerMap(std::string procRoot = "/proc", std::size_t capacity = 65536);
 
+  // From the cache or the recent owners, else by a walk.
   std::optional<pid_t> ownerOf(std::uint64_t inode);
+  // From the cache or the recent owners only: cheap, bounded by a few descriptor tables.
+  std::optional<pid_t> knownOwnerOf(std::uint64_t inode);
+  // By a walk of /proc alone; the owner found becomes a recent owner.
+  std::optional<pid_t> walk(std::uint64_t inode);
+  // Takes an owner found by another map's walk as a recent owner.
+  void learn(std::uint64_t inode, pid_t pid);
 
   std::size_t cachedCountForTest() const { return owners_.size(); }
 
@@ -38,7 +44,6 @@ class SocketOwnerMap {
     FdDirectory fds;  // its /proc/PID/fd, kept open; null if it could not be opened
   };
 
-  std::optional<pid_t> rescan(std::uint64_t inode);
   FdDirectory openFds(pid_t pid) const;
   // Records the process's sockets down to `inode`; true when it holds it.
   bool scanDirectory(pid_t pid, DIR* directory, std::uint64_t inode);

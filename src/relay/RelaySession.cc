@@ -91,8 +91,8 @@ void RelaySession::onAgentRead(std::optional<Bytes> data, bool failed) {
   }
   if (idle) idle->kick();
   upstream->send(std::move(*data), true,
-                 [weak = weak_from_this(), to = std::weak_ptr<NWConnection>(upstream)](
-                     std::optional<NWError> e) {
+                 [weak = weak_from_this(),
+                  to = std::weak_ptr<NWConnection>(upstream)](std::optional<NWError> e) {
                    auto self = weak.lock();
                    if (!self) return;
                    if (e) {

@@ -60,7 +60,7 @@ TEST(NftRulesetTest, RulesBecomeOneOwnedTable) {
 }
 
 // Over a directory laid out as /proc: PID/fd/N links to "socket:[inode]" and other targets.
-TEST(SocketOwnerMapTest, FindsOwnersFromItsCacheRecentOwnersAndARescan) {
+TEST(SocketOwnerMapTest, FindsOwnersFromItsCacheRecentOwnersAndAWalk) {
   const fs::path root = fs::path(::testing::TempDir()) / ("proc-" + std::to_string(::getpid()));
   const auto holds = [&](pid_t pid, int fd, const char* target) {
     fs::create_directories(root / std::to_string(pid) / "fd");
@@ -79,8 +79,15 @@ TEST(SocketOwnerMapTest, FindsOwnersFromItsCacheRecentOwnersAndARescan) {
   holds(700, 7, "socket:[3]");
   EXPECT_EQ(owners.ownerOf(3), 100);
   holds(800, 9, "socket:[4]");
-  EXPECT_EQ(owners.ownerOf(4), 800);  // a miss rescans
+  EXPECT_EQ(owners.ownerOf(4), 800);  // a miss walks
   for (std::uint64_t notASocket : {5, 6, 9999}) EXPECT_EQ(owners.ownerOf(notASocket), std::nullopt);
+  // A lane's map asks the walker's for what only a walk finds, then knows that process.
+  SocketOwnerMap lane(root.string());
+  holds(900, 5, "socket:[8]");
+  EXPECT_EQ(lane.knownOwnerOf(8), std::nullopt);
+  lane.learn(8, 900);
+  holds(900, 6, "socket:[9]");
+  EXPECT_EQ(lane.knownOwnerOf(9), 900);
   fs::remove_all(root);
 }
 
@@ -137,9 +144,10 @@ class ProxyHostTest : public ::testing::Test {
       return redirected_ ? destination_ : originalDestination(fd, family);
     };
     // The client's own address, as identification must look it up.
-    options.identify = [](const SocketAddress& client, const SocketAddress& destination) {
-      return NEFlowMetaData{"/usr/bin/agent", bytesOf(hostEndpointOf(client).hostname + "->" +
-                                                      hostEndpointOf(destination).port)};
+    options.identify = [](const SocketAddress& client, const SocketAddress& destination,
+                          FlowIntake::Identified then) {
+      then(NEFlowMetaData{"/usr/bin/agent", bytesOf(hostEndpointOf(client).hostname + "->" +
+                                                    hostEndpointOf(destination).port)});
     };
     return options;
   }

@@ -1,0 +1,17 @@
+#include "host/OwnerWalker.h"
+
+#include <utility>
+
+namespace tarnwick::host {
+
+OwnerWalker::OwnerWalker(std::shared_ptr<DispatchQueue> queue, std::string procRoot)
+    : queue_(std::move(queue)), owners_(std::make_shared<SocketOwnerMap>(std::move(procRoot))) {}
+
+// The work holds the map, not the walker, so a walk already queued when the host lets go of the
+// walker still answers.
+void OwnerWalker::find(std::uint64_t inode, Found found) {
+  queue_->async(
+      [owners = owners_, inode, found = std::move(found)] { found(owners->ownerOf(inode)); });
+}
+
+}  // namespace tarnwick::host
