@@ -66,9 +66,8 @@ void AsioConnection::send(std::optional<Bytes> content, bool isComplete,
         postLocked([c = std::move(completion)] { c(NWError::fromErrno(ECANCELED)); });
       }
     } else {
-      std::shared_ptr<const Bytes> shared;
-      if (content && !content->empty()) shared = std::make_shared<Bytes>(std::move(*content));
-      sends_.push_back({std::move(shared), isComplete, std::move(completion)});
+      if (content && content->empty()) content.reset();
+      sends_.push_back({std::move(content), isComplete, std::move(completion)});
       writeNextLocked();
     }
   }

@@ -57,8 +57,7 @@ class AsioConnection : public NWConnection, public std::enable_shared_from_this<
   static constexpr std::size_t kScratchBytes = 64 * 1024;
 
   struct PendingSend {
-    // Shared with the write in flight, which may outlive a cancelled send.
-    std::shared_ptr<const Bytes> content;
+    std::optional<Bytes> content;  // absent for a send without bytes
     bool isComplete;
     SendCompletion completion;
   };
@@ -83,7 +82,8 @@ class AsioConnection : public NWConnection, public std::enable_shared_from_this<
 
   // Sending and receiving (AsioConnectionData.cc).
   void writeNextLocked() TW_REQUIRES(mutex_);
-  void onWritten(const asio::error_code& error, std::size_t written);
+  bool writeAvailableLocked() TW_REQUIRES(mutex_);
+  void onWritable(const asio::error_code& error);
   void completeSendLocked(std::optional<NWError> error) TW_REQUIRES(mutex_);
   void readNextLocked() TW_REQUIRES(mutex_);
   void onReadable(const asio::error_code& error);

@@ -8,19 +8,20 @@
 
 namespace tarnwick {
 
+// A send is written at once as far as the socket takes it; only a socket without room is waited
+// on. Its completion is posted either way.
 void AsioConnection::writeNextLocked() {
   while (state_ == Kind::Ready && !writing_ && !sends_.empty()) {
-    const PendingSend& head = sends_.front();
-    if (head.content) {
+    if (sends_.front().content) {
+      if (writeAvailableLocked()) continue;
       writing_ = true;
-      socket_.async_write_some(
-          asio::buffer(head.content->data() + written_, head.content->size() - written_),
-          [self = shared_from_this(), keep = head.content](
-              const asio::error_code& error, std::size_t n) { self->onWritten(error, n); });
+      socket_.async_wait(
+          tcp::socket::wait_write,
+          [self = shared_from_this()](const asio::error_code& error) { self->onWritable(error); });
       return;
     }
     std::optional<NWError> result;
-    if (head.isComplete) {
+    if (sends_.front().isComplete) {
       asio::error_code error;
       socket_.shutdown(tcp::socket::shutdown_send, error);
       if (error) result = errorOf(error);
@@ -29,17 +30,29 @@ void AsioConnection::writeNextLocked() {
   }
 }
 
-void AsioConnection::onWritten(const asio::error_code& error, std::size_t written) {
+// Writes what the socket takes of the oldest send, completing it once whole or failed. False
+// when the socket has no room.
+bool AsioConnection::writeAvailableLocked() {
+  const Bytes& content = *sends_.front().content;
+  asio::error_code error;
+  const std::size_t n =
+      socket_.write_some(asio::buffer(content.data() + written_, content.size() - written_), error);
+  if (error == asio::error::would_block) return false;
+  if (error) {
+    completeSendLocked(errorOf(error));
+    return true;
+  }
+  written_ += n;
+  if (written_ == content.size()) completeSendLocked(std::nullopt);
+  return true;
+}
+
+void AsioConnection::onWritable(const asio::error_code& error) {
   {
     MutexLock lock(mutex_);
     writing_ = false;
     if (state_ != Kind::Ready) return;
-    if (error) {
-      completeSendLocked(errorOf(error));
-    } else {
-      written_ += written;
-      if (written_ == sends_.front().content->size()) completeSendLocked(std::nullopt);
-    }
+    if (error) completeSendLocked(errorOf(error));
     writeNextLocked();
   }
   flushOutbox();
