@@ -37,11 +37,6 @@ std::optional<std::uint64_t> socketInodeOfLink(std::string_view link) {
 SocketOwnerMap::SocketOwnerMap(std::string procRoot, std::size_t capacity)
     : proc_root_(std::move(procRoot)), capacity_(capacity) {}
 
-std::optional<pid_t> SocketOwnerMap::ownerOf(std::uint64_t inode) {
-  if (auto known = knownOwnerOf(inode)) return known;
-  return walk(inode);
-}
-
 std::optional<pid_t> SocketOwnerMap::knownOwnerOf(std::uint64_t inode) {
   if (auto found = owners_.find(inode); found != owners_.end()) return found->second;
   for (std::size_t i = 0; i < recent_.size(); ++i) {
@@ -56,6 +51,7 @@ std::optional<pid_t> SocketOwnerMap::knownOwnerOf(std::uint64_t inode) {
 }
 
 std::optional<pid_t> SocketOwnerMap::walk(std::uint64_t inode) {
+  if (auto found = owners_.find(inode); found != owners_.end()) return found->second;
   std::vector<long> pids = numericEntries(proc_root_);
   std::sort(pids.begin(), pids.end(), std::greater<>());
   for (long number : pids) {

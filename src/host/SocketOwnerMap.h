@@ -1,10 +1,12 @@
 #pragma once
 // Which process holds a socket, by the socket's inode. Answers come from a cache of every socket
-// inode seen in /proc/PID/fd; on a miss it looks at the few processes that owned the latest
-// connections (a long-running client opens one connection after another), and only then walks
-// /proc. The walk takes the newest processes first (the highest PIDs; a connection usually comes
-// from a process that just started), each from its newest descriptor down, and stops at the
-// socket, recording every socket it passes on the way. Used from one thread at a time.
+// inode seen in /proc/PID/fd. Past the cache there are two ways, kept apart so that a caller can
+// take the cheap one itself and leave the other to a thread that may block: the few processes
+// that owned the latest connections (a long-running client opens one connection after another),
+// and a walk of /proc. The walk takes the newest processes first (the highest PIDs; a connection
+// usually comes from a process that just started), each from its newest descriptor down, and
+// stops at the socket, recording every socket it passes on the way. Used from one thread at a
+// time.
 
 #include <dirent.h>
 #include <sys/types.h>
@@ -23,11 +25,9 @@ class SocketOwnerMap {
   // `procRoot` is "/proc" except in tests; `capacity` bounds the cache (it is emptied when full).
   explicit SocketOwnerMap(std::string procRoot = "/proc", std::size_t capacity = 65536);
 
-  // From the cache or the recent owners, else by a walk.
-  std::optional<pid_t> ownerOf(std::uint64_t inode);
   // From the cache or the recent owners only: cheap, bounded by a few descriptor tables.
   std::optional<pid_t> knownOwnerOf(std::uint64_t inode);
-  // By a walk of /proc alone; the owner found becomes a recent owner.
+  // From the cache, else by a walk of /proc; the owner a walk finds becomes a recent owner.
   std::optional<pid_t> walk(std::uint64_t inode);
   // Takes an owner found by another map's walk as a recent owner.
   void learn(std::uint64_t inode, pid_t pid);

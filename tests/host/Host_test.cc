@@ -71,16 +71,18 @@ TEST(SocketOwnerMapTest, FindsOwnersFromItsCacheRecentOwnersAndAWalk) {
   holds(500, 3, "socket:[2]");
   holds(500, 4, "pipe:[6]");
   SocketOwnerMap owners(root.string());
-  EXPECT_EQ(owners.ownerOf(1), 100);  // the walk from the newest process records 500's too
+  EXPECT_EQ(owners.knownOwnerOf(1), std::nullopt);
+  EXPECT_EQ(owners.walk(1), 100);  // the walk from the newest process records 500's too
   fs::remove_all(root / "500");
-  EXPECT_EQ(owners.ownerOf(2), 500);  // from the cache
-  // A socket both hold (inherited across a fork) is found at the recent owner before any walk.
+  EXPECT_EQ(owners.knownOwnerOf(2), 500);  // from the cache
+  // A socket both hold (inherited across a fork) is found at the recent owner, without a walk.
   holds(100, 7, "socket:[3]");
   holds(700, 7, "socket:[3]");
-  EXPECT_EQ(owners.ownerOf(3), 100);
+  EXPECT_EQ(owners.knownOwnerOf(3), 100);
   holds(800, 9, "socket:[4]");
-  EXPECT_EQ(owners.ownerOf(4), 800);  // a miss walks
-  for (std::uint64_t notASocket : {5, 6, 9999}) EXPECT_EQ(owners.ownerOf(notASocket), std::nullopt);
+  EXPECT_EQ(owners.knownOwnerOf(4), std::nullopt);
+  EXPECT_EQ(owners.walk(4), 800);
+  for (std::uint64_t notASocket : {5, 6, 9999}) EXPECT_EQ(owners.walk(notASocket), std::nullopt);
   // A lane's map asks the walker's for what only a walk finds, then knows that process.
   SocketOwnerMap lane(root.string());
   holds(900, 5, "socket:[8]");
