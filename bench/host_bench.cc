@@ -13,9 +13,9 @@
 #include <thread>
 #include <vector>
 
-#include "host/FlowIdentifier.h"
-#include "host/HandBackCarrier.h"
-#include "host/SocketFlow.h"
+#include "host/handback/HandBackCarrier.h"
+#include "host/intake/SocketFlow.h"
+#include "host/owner/FlowIdentifier.h"
 #include "platform/ThreadQueue.h"
 #include "platform/posix/Sockets.h"
 

@@ -15,7 +15,7 @@
 
 #include "FrontDoorBenchSupport.h"
 #include "host/HostLoop.h"
-#include "host/SocketFlow.h"
+#include "host/intake/SocketFlow.h"
 #include "identity/AuditToken.h"
 #include "platform/Log.h"
 #include "platform/testing/AcceptingTunnelHost.h"
@@ -58,9 +58,9 @@ class RelayingProvider {
     services.bridge = std::make_shared<DiscardingBridge>();
     provider_ = TransparentProxyProvider::create(std::move(services));
     provider_->attachTunnelHost(tunnel_host_);
-    provider_->startProxy(Json{{"frontDoorPort", portOf(frontDoor.address())},
-                               {"watchedSigningIDs", {kAgent}}},
-                          nullptr);
+    provider_->startProxy(
+        Json{{"frontDoorPort", portOf(frontDoor.address())}, {"watchedSigningIDs", {kAgent}}},
+        nullptr);
     meta_.sourceAppSigningIdentifier = kAgent;
     meta_.sourceAppAuditToken = auditTokenForPID(::getpid());
   }

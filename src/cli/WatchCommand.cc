@@ -4,10 +4,10 @@
 #include <cstdio>
 
 #include "cli/Command.h"
-#include "platform/OptionReader.h"
-#include "host/ControlServer.h"
 #include "host/HostSettings.h"
+#include "host/control/ControlServer.h"
 #include "platform/Json.h"
+#include "platform/OptionReader.h"
 #include "platform/Text.h"
 
 namespace tarnwick::cli {

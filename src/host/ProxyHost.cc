@@ -5,9 +5,9 @@
 #include <future>
 
 #include "host/HostLog.h"
-#include "host/NftRuleset.h"
-#include "host/OriginalDestination.h"
-#include "host/OwnerWalker.h"
+#include "host/owner/OwnerWalker.h"
+#include "host/redirect/NftRuleset.h"
+#include "host/redirect/OriginalDestination.h"
 #include "platform/Network.h"
 
 namespace tarnwick::host {

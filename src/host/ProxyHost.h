@@ -12,13 +12,13 @@
 #include <string>
 #include <vector>
 
-#include "host/ControlServer.h"
-#include "host/FlowIntake.h"
-#include "host/HandBackCarrier.h"
 #include "host/HostLoop.h"
 #include "host/HostSettings.h"
-#include "host/NftTable.h"
-#include "host/OwnerWalker.h"
+#include "host/control/ControlServer.h"
+#include "host/handback/HandBackCarrier.h"
+#include "host/intake/FlowIntake.h"
+#include "host/owner/OwnerWalker.h"
+#include "host/redirect/NftTable.h"
 #include "platform/Mutex.h"
 #include "platform/NetworkExtension.h"
 

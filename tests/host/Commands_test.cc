@@ -16,8 +16,8 @@
 #include <thread>
 
 #include "HostTesting.h"
-#include "host/FlowIdentifier.h"
-#include "host/OriginalDestination.h"
+#include "host/owner/FlowIdentifier.h"
+#include "host/redirect/OriginalDestination.h"
 #include "identity/AuditToken.h"
 #include "platform/posix/Sockets.h"
 #include "platform/testing/CaseName.h"

@@ -14,11 +14,11 @@
 #include <mutex>
 
 #include "HostTesting.h"
-#include "host/NftRuleset.h"
-#include "host/OriginalDestination.h"
 #include "host/PassThroughProvider.h"
 #include "host/ProxyHost.h"
-#include "host/SocketOwnerMap.h"
+#include "host/owner/SocketOwnerMap.h"
+#include "host/redirect/NftRuleset.h"
+#include "host/redirect/OriginalDestination.h"
 
 namespace tarnwick::host {
 namespace {

@@ -16,7 +16,7 @@
 #include "FrontDoorHarness.h"
 #include "bridge/DaemonBridge.h"
 #include "host/HostLoop.h"
-#include "host/SocketFlow.h"
+#include "host/intake/SocketFlow.h"
 #include "identity/AuditToken.h"
 #include "platform/testing/AcceptingTunnelHost.h"
 #include "provider/TransparentProxyProvider.h"

@@ -1,4 +1,4 @@
-#include "host/HandBackCarrier.h"
+#include "host/handback/HandBackCarrier.h"
 
 namespace tarnwick::host {
 

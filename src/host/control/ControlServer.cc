@@ -1,4 +1,4 @@
-#include "host/ControlServer.h"
+#include "host/control/ControlServer.h"
 
 #include <sys/socket.h>
 #include <sys/stat.h>

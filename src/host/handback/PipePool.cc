@@ -1,4 +1,4 @@
-#include "host/PipePool.h"
+#include "host/handback/PipePool.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "host/SocketOwnerMap.h"
+#include "host/owner/SocketOwnerMap.h"
 
 #include <dirent.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "host/NftTable.h"
+#include "host/redirect/NftTable.h"
 
 #include <nftables/libnftables.h>
 

@@ -1,4 +1,4 @@
-#include "host/OwnerWalker.h"
+#include "host/owner/OwnerWalker.h"
 
 #include <utility>
 

@@ -20,9 +20,9 @@
 #include <string>
 #include <vector>
 
-#include "host/FlowIdentifier.h"
-#include "host/HandBackCarrier.h"
 #include "host/HostLoop.h"
+#include "host/handback/HandBackCarrier.h"
+#include "host/owner/FlowIdentifier.h"
 #include "platform/Dispatch.h"
 #include "platform/NetworkExtension.h"
 #include "platform/posix/SocketAddress.h"

@@ -1,4 +1,4 @@
-#include "host/NftRuleset.h"
+#include "host/redirect/NftRuleset.h"
 
 #include <arpa/inet.h>
 

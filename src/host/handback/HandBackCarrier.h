@@ -8,9 +8,9 @@
 #include <optional>
 #include <unordered_map>
 
-#include "host/HandBackRelay.h"
 #include "host/HostLoop.h"
-#include "host/PipePool.h"
+#include "host/handback/HandBackRelay.h"
+#include "host/handback/PipePool.h"
 
 namespace tarnwick::host {
 

@@ -1,4 +1,4 @@
-#include "host/SocketDiag.h"
+#include "host/owner/SocketDiag.h"
 
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>

@@ -1,4 +1,4 @@
-#include "host/HandBackRelay.h"
+#include "host/handback/HandBackRelay.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>

@@ -12,7 +12,7 @@
 #include <optional>
 
 #include "host/HostLoop.h"
-#include "host/PipePool.h"
+#include "host/handback/PipePool.h"
 #include "platform/posix/SocketAddress.h"
 #include "platform/posix/UniqueFd.h"
 

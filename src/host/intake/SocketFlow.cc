@@ -1,4 +1,4 @@
-#include "host/SocketFlow.h"
+#include "host/intake/SocketFlow.h"
 
 #include <sys/socket.h>
 

@@ -6,9 +6,9 @@
 
 #include <optional>
 
-#include "host/ProcessMetaDataCache.h"
-#include "host/SocketDiag.h"
-#include "host/SocketOwnerMap.h"
+#include "host/owner/ProcessMetaDataCache.h"
+#include "host/owner/SocketDiag.h"
+#include "host/owner/SocketOwnerMap.h"
 #include "platform/NetworkExtension.h"
 
 namespace tarnwick::host {

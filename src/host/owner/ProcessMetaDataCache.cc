@@ -1,4 +1,4 @@
-#include "host/ProcessMetaDataCache.h"
+#include "host/owner/ProcessMetaDataCache.h"
 
 #include "identity/AuditToken.h"
 

@@ -1,4 +1,4 @@
-#include "host/FlowIdentifier.h"
+#include "host/owner/FlowIdentifier.h"
 
 namespace tarnwick::host {
 

@@ -14,7 +14,7 @@
 #include <memory>
 #include <optional>
 
-#include "host/SocketOwnerMap.h"
+#include "host/owner/SocketOwnerMap.h"
 #include "platform/Dispatch.h"
 
 namespace tarnwick::host {

@@ -1,4 +1,4 @@
-#include "host/FlowIntake.h"
+#include "host/intake/FlowIntake.h"
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -8,9 +8,9 @@
 #include <cstring>
 
 #include "host/HostLog.h"
-#include "host/OriginalDestination.h"
-#include "host/OwnerWalker.h"
-#include "host/SocketFlow.h"
+#include "host/intake/SocketFlow.h"
+#include "host/owner/OwnerWalker.h"
+#include "host/redirect/OriginalDestination.h"
 #include "platform/posix/Sockets.h"
 
 namespace tarnwick::host {

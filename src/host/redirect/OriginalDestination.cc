@@ -1,4 +1,4 @@
-#include "host/OriginalDestination.h"
+#include "host/redirect/OriginalDestination.h"
 
 #include <arpa/inet.h>
 #include <linux/netfilter_ipv4.h>
