@@ -5,6 +5,8 @@
 #include <ctime>
 #include <mutex>
 
+#include "platform/Text.h"
+
 namespace tarnwick {
 namespace {
 
@@ -53,8 +55,10 @@ void renderConversion(std::string& out, std::string_view conversionSpec, const L
   }
   const auto& value = arg->value();
   if (conversion == 's') {
+    // Texts come from programs, peers and files: escaped here, once for every line, so that none
+    // can end a line early and forge the next.
     const auto* text = std::get_if<std::string_view>(&value);
-    out += isPublic ? (text ? std::string(*text) : std::string("<non-text>")) : "<private>";
+    out += isPublic ? (text ? escapeControlCharacters(*text) : "<non-text>") : "<private>";
     return;
   }
   if (conversion == 'f') {

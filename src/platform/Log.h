@@ -1,6 +1,7 @@
 #pragma once
 // The unified-log stand-in. A Logger takes the system's format strings exactly as they are
-// written: "%{public}s" shows a text, a plain "%s" is redacted to "<private>", "%{bool}d" shows
+// written: "%{public}s" shows a text (its control characters escaped, so that every record stays
+// one line), a plain "%s" is redacted to "<private>", "%{bool}d" shows
 // true or false, and %ld %d %hu %f render as printf would. Records go to one process-wide sink:
 // stderr by default, a capture sink in tests.
 

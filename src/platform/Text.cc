@@ -1,5 +1,7 @@
 #include "platform/Text.h"
 
+#include <cstdio>
+
 namespace tarnwick {
 namespace {
 
@@ -38,6 +40,50 @@ Sequence sequenceAt(std::string_view s) {
   return {length, true};
 }
 
+// The code point of a well-formed sequence.
+char32_t codePointOf(std::string_view sequence) {
+  const auto byte = [&](size_t i) { return static_cast<char32_t>(sequence[i]) & 0xFF; };
+  if (sequence.size() == 1) return byte(0);
+  char32_t value = byte(0) & (0xFF >> (sequence.size() + 1));
+  for (size_t i = 1; i < sequence.size(); ++i) value = (value << 6) | (byte(i) & 0x3F);
+  return value;
+}
+
+bool isLineBreaking(char32_t c) {
+  return c < 0x20 || c == 0x7F || (c >= 0x80 && c <= 0x9F) || c == 0x2028 || c == 0x2029;
+}
+
+void appendEscape(std::string& out, const char* format, unsigned value) {
+  char escape[16];
+  std::snprintf(escape, sizeof escape, format, value);
+  out += escape;
+}
+
+// The escape for one sequence, or nothing when it stands for itself.
+bool appendEscaped(std::string& out, std::string_view sequence, bool wellFormed) {
+  if (!wellFormed) {
+    for (const char c : sequence) appendEscape(out, "\\x%02x", static_cast<unsigned char>(c));
+    return true;
+  }
+  const char32_t c = codePointOf(sequence);
+  if (c == '\\') {
+    out += "\\\\";
+  } else if (c == '\n') {
+    out += "\\n";
+  } else if (c == '\r') {
+    out += "\\r";
+  } else if (c == '\t') {
+    out += "\\t";
+  } else if (c < 0x80 && isLineBreaking(c)) {
+    appendEscape(out, "\\x%02x", static_cast<unsigned>(c));
+  } else if (isLineBreaking(c)) {
+    appendEscape(out, "\\u%04x", static_cast<unsigned>(c));
+  } else {
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 bool isValidUTF8(std::string_view bytes) {
@@ -61,6 +107,18 @@ std::string toValidUTF8(std::string_view bytes) {
       out += "\xEF\xBF\xBD";
     }
     bytes.remove_prefix(next.length);
+  }
+  return out;
+}
+
+std::string escapeControlCharacters(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  while (!text.empty()) {
+    const Sequence next = sequenceAt(text);
+    const std::string_view sequence = text.substr(0, next.length);
+    if (!appendEscaped(out, sequence, next.wellFormed)) out.append(sequence);
+    text.remove_prefix(next.length);
   }
   return out;
 }

@@ -1,5 +1,6 @@
 #pragma once
-// Text conversions shared by the subsystems: strict decimal parsing and UTF-8 checks.
+// Text conversions shared by the subsystems: strict decimal parsing, UTF-8 checks and escaping
+// for log lines.
 
 #include <charconv>
 #include <cstdint>
@@ -37,5 +38,11 @@ bool isValidUTF8(std::string_view bytes);
 // The bytes with every ill-formed sequence replaced by U+FFFD, as platform strings are made when
 // text enters from the operating system.
 std::string toValidUTF8(std::string_view bytes);
+
+// The text with everything that could end or rewrite a log line written out as an escape: ASCII
+// control characters ("\n", "\r", "\t", else "\x1b"), the C1 controls and the Unicode line and
+// paragraph separators ("\u0085"), bytes that are not UTF-8 ("\xff"), and the backslash itself
+// ("\\"), so an escape in the text cannot pass for one made here.
+std::string escapeControlCharacters(std::string_view text);
 
 }  // namespace tarnwick

@@ -12,6 +12,9 @@
 namespace tarnwick {
 namespace {
 
+const std::string kFFFD = "\xEF\xBF\xBD";
+const std::string kValid = "/usr/bin/caf\xC3\xA9 \xE2\x80\x94 \xF0\x9D\x84\x9E \xF4\x8F\xBF\xBF";
+
 TEST(LogTest, RendersAsTheUnifiedLogShowsIt) {
   const std::tuple<const char*, std::vector<LogArg>, const char*> cases[] = {
       {"dial %{public}s", {"example.com"}, "dial example.com"},
@@ -26,6 +29,24 @@ TEST(LogTest, RendersAsTheUnifiedLogShowsIt) {
       {"host %{public}s", {7}, "host <non-text>"}};
   for (const auto& [format, args, expected] : cases)
     EXPECT_EQ(renderLogFormat(format, args), expected) << format;
+}
+
+// A path, host name or signing identifier comes from a program: whatever it holds, its line stays
+// one line, and what it could pass off as an escape of ours is escaped too.
+TEST(LogTest, EscapesControlCharactersInTexts) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"/tmp/a\n2026-01-01T00:00:00Z error forged", "/tmp/a\\n2026-01-01T00:00:00Z error forged"},
+      {"/tmp/a\nforged\r\t", "/tmp/a\\nforged\\r\\t"},
+      {"\x1b[2J\x7f\x01", "\\x1b[2J\\x7f\\x01"},
+      {std::string("nul\0end", 7), "nul\\x00end"},
+      {"back\\slash \\n", "back\\\\slash \\\\n"},
+      {"next\xC2\x85line\xE2\x80\xA8sep\xE2\x80\xA9", "next\\u0085line\\u2028sep\\u2029"},
+      {"bad\xFF\xC0", "bad\\xff\\xc0"},
+      {kValid, kValid}};
+  for (const auto& [text, shown] : cases) {
+    EXPECT_EQ(renderLogFormat("exe=%{public}s", {text}), "exe=" + shown) << shown;
+    EXPECT_EQ(renderLogFormat("exe=%s", {text}), "exe=<private>");
+  }
 }
 
 // Only a whole object or array is a document.
@@ -52,9 +73,6 @@ TEST(JsonTest, ReadsIntegersAsThePlatformDoes) {
   }
   EXPECT_EQ(dumpCompact(Json{{"path", "/a\xFF"}}), "{\"path\":\"/a\xEF\xBF\xBD\"}");
 }
-
-const std::string kFFFD = "\xEF\xBF\xBD";
-const std::string kValid = "/usr/bin/caf\xC3\xA9 \xE2\x80\x94 \xF0\x9D\x84\x9E \xF4\x8F\xBF\xBF";
 
 TEST(TextTest, RepairsUTF8ByReplacingEachBadSequence) {
   const std::pair<std::string, std::string> cases[] = {
