@@ -1,6 +1,7 @@
 #include "platform/ProcessTable.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +16,8 @@ namespace {
 
 constexpr std::uint32_t kUnsetID = std::numeric_limits<std::uint32_t>::max();
 constexpr std::string_view kBlanks = " \t\n";
+// What the kernel appends to the executable's name once the file is no longer at its path.
+constexpr std::string_view kDeletedMark = " (deleted)";
 
 bool isPlausiblePID(std::int64_t pid) {
   return pid > 0 && pid <= std::numeric_limits<std::int32_t>::max();
@@ -85,12 +88,27 @@ std::optional<ProcessStat> readStatIn(const UniqueFd& directory) {
   return parseProcessStat(*line);
 }
 
+// Whether `path` names the very file the process runs (its "exe" link leads to `executable`).
+bool namesTheRunningFile(const std::string& path, const struct stat& executable) {
+  struct stat named {};
+  return ::stat(path.c_str(), &named) == 0 && named.st_dev == executable.st_dev &&
+         named.st_ino == executable.st_ino;
+}
+
 std::optional<std::string> readExecutableIn(const UniqueFd& directory) {
   if (!directory) return std::nullopt;
-  std::array<char, 4096> path;
-  const ssize_t n = ::readlinkat(directory.get(), "exe", path.data(), path.size());
-  if (n <= 0 || static_cast<std::size_t>(n) >= path.size()) return std::nullopt;
-  return toValidUTF8({path.data(), static_cast<std::size_t>(n)});
+  std::array<char, 4096> link;
+  const ssize_t n = ::readlinkat(directory.get(), "exe", link.data(), link.size());
+  if (n <= 0 || static_cast<std::size_t>(n) >= link.size()) return std::nullopt;
+  std::string path(link.data(), static_cast<std::size_t>(n));
+  // A program whose file was deleted, or replaced by an upgrade, is still the program started
+  // from that path; the kernel only marks the name. A file really named so is left as it is.
+  struct stat executable {};
+  if (path.ends_with(kDeletedMark) && ::fstatat(directory.get(), "exe", &executable, 0) == 0 &&
+      !namesTheRunningFile(path, executable)) {
+    path.resize(path.size() - kDeletedMark.size());
+  }
+  return toValidUTF8(path);
 }
 
 std::optional<ProcessCredentials> readCredentialsIn(const UniqueFd& directory) {
@@ -104,9 +122,9 @@ std::optional<ProcessCredentials> readCredentialsIn(const UniqueFd& directory) {
   const auto realGID = parseDecimal<std::uint32_t>(wordAt(gids, 0));
   const auto effectiveGID = parseDecimal<std::uint32_t>(wordAt(gids, 1));
   if (!realUID || !effectiveUID || !realGID || !effectiveGID) return std::nullopt;
-  return ProcessCredentials{readIDFile(directory, "loginuid"), *effectiveUID, *effectiveGID,
-                            *realUID,   *realGID,
-                            readIDFile(directory, "sessionid")};
+  return ProcessCredentials{
+      readIDFile(directory, "loginuid"), *effectiveUID, *effectiveGID, *realUID, *realGID,
+      readIDFile(directory, "sessionid")};
 }
 
 }  // namespace

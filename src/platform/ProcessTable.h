@@ -34,7 +34,8 @@ std::optional<ProcessStat> parseProcessStat(std::string_view line);
 std::optional<ProcessStat> readProcessStat(std::int64_t pid);
 
 // The canonical path of the process's executable, made valid UTF-8; absent for kernel threads,
-// zombies and processes this one may not inspect.
+// zombies and processes this one may not inspect. A process whose file has since been deleted or
+// replaced (an upgrade) keeps the path it was started from.
 std::optional<std::string> readExecutablePath(std::int64_t pid);
 
 std::optional<ProcessCredentials> readProcessCredentials(std::int64_t pid);

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <tuple>
 
 #include "identity/AncestryGate.h"
 #include "identity/AuditToken.h"
@@ -211,6 +212,41 @@ TEST(LiveProcess, IsNamedUntilReaped) {
     EXPECT_EQ(AncestryGate::realParentPID(gone), std::nullopt) << gone;
     EXPECT_EQ(AncestryGate::realSigningID(gone), std::nullopt) << gone;
   }
+}
+
+// An upgrade replaces a program's file, an uninstall deletes it: the kernel then shows the
+// running program's path with " (deleted)" after it. The program is still the one started from
+// that path, for the flow's own identity and for its descendants' ancestry alike; a file that
+// really bears such a name keeps it.
+TEST(LiveProcess, KeepsThePathItStartedFromWhenItsFileGoes) {
+  enum class Then { Stays, Deleted, Replaced };
+  const std::filesystem::path directory =
+      std::filesystem::path(::testing::TempDir()) / ("exe-" + std::to_string(::getpid()));
+  std::filesystem::create_directories(directory);
+  const std::string base = std::filesystem::canonical(directory).string() + "/agent";
+  const std::tuple<std::string, Then, std::string> cases[] = {
+      {base, Then::Deleted, base},
+      {base, Then::Replaced, base},
+      {base + " (deleted)", Then::Stays, base + " (deleted)"},
+      {base + " (deleted)", Then::Deleted, base + " (deleted)"}};
+  for (const auto& [path, then, identity] : cases) {
+    SCOPED_TRACE(path + " " + std::to_string(static_cast<int>(then)));
+    std::filesystem::copy_file("/bin/sleep", path);
+    pid_t pid = 0;
+    const char* argv[] = {path.c_str(), "30", nullptr};
+    ASSERT_EQ(posix_spawn(&pid, argv[0], nullptr, nullptr, const_cast<char**>(argv), environ), 0);
+    if (then != Then::Stays) std::filesystem::remove(path);
+    if (then == Then::Replaced) {
+      std::filesystem::copy_file("/bin/true", path + ".new");
+      std::filesystem::rename(path + ".new", path);
+    }
+    EXPECT_EQ(AncestryGate::realSigningID(pid), identity);
+    EXPECT_EQ(signingIDFromAuditTokenData(auditTokenForPID(pid)), identity);
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
+    std::filesystem::remove(path);
+  }
+  std::filesystem::remove_all(directory);
 }
 
 // The command name between parentheses may hold blanks and parentheses of its own.
