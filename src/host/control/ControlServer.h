@@ -1,18 +1,27 @@
 #pragma once
-// The control socket: a Unix stream socket, root-only (mode 0600), taking one message per
-// connection. The client writes the message and shuts its write side; the provider's reply to
-// it (handleAppMessage) is written back and the connection closed.
+// The control socket: a Unix stream socket (ControlSocket) taking one request per connection
+// (ControlRequest). The client writes its request and ends its write side; a watch set goes to
+// the provider (handleAppMessage) and its reply comes back as it is, a status query is answered
+// with the host's status object; then the connection closes.
 //
-// listen() and close(): the owner's thread. Connections: the loop thread; the provider is called
-// on the framework queue given at construction.
+// No client can hold the socket: only root and the control group are served (ControlAccess,
+// checked on every connection); a request must be whole within the read deadline and no larger
+// than the size cap; and when the connections open reach their cap, the oldest one still
+// sending makes room for the newest, so a silent client never stands in another's way.
+//
+// listen() and close(): the owner's thread. Connections: the loop thread. The provider and the
+// status are asked on the framework queue, the deadlines kept on a queue of the runtime.
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <memory>
 #include <string>
-#include <unordered_map>
 
 #include "host/HostLoop.h"
+#include "host/control/ControlAccess.h"
 #include "platform/Dispatch.h"
+#include "platform/Json.h"
 #include "platform/NetworkExtension.h"
 #include "platform/posix/UniqueFd.h"
 
@@ -20,18 +29,31 @@ namespace tarnwick::host {
 
 class ControlServer : public IoHandler, public std::enable_shared_from_this<ControlServer> {
  public:
-  // A message larger than this is not a watch set; its connection is closed unanswered.
-  static constexpr std::size_t kMaximumMessageBytes = 4 << 20;
+  struct Limits {
+    Duration readDeadline = std::chrono::seconds(5);
+    std::size_t maximumConnections = 32;
+    // Far more than any watch set needs.
+    std::size_t maximumRequestBytes = 1 << 20;
+  };
 
-  static std::shared_ptr<ControlServer> create(
-      std::shared_ptr<HostLoop> loop, std::shared_ptr<DispatchQueue> framework,
-      std::shared_ptr<NETransparentProxyProvider> provider);
+  struct Parts {
+    std::shared_ptr<HostLoop> loop;
+    std::shared_ptr<DispatchQueue> framework;
+    std::shared_ptr<Runtime> runtime;
+    std::shared_ptr<NETransparentProxyProvider> provider;
+    // The answer to a status query; called on the framework queue.
+    std::function<Json()> status;
+    ControlAccess access;
+    Limits limits;
+  };
+
+  static std::shared_ptr<ControlServer> create(Parts parts);
   ~ControlServer() override;
 
-  // Binds `path` (a stale socket there is replaced, any other file makes it fail), mode 0600.
-  // On failure returns false with a one-line reason and leaves no file behind.
+  // Makes the socket at `path` (ControlSocket's rules) and serves it. On failure returns false
+  // with a one-line reason and leaves no file behind.
   bool listen(const std::string& path, std::string& error);
-  // Stops listening and removes the socket file.
+  // Stops serving and removes the socket file.
   void close();
 
   void onIoEvent(std::uint32_t tag, std::uint32_t events) override;
@@ -39,25 +61,23 @@ class ControlServer : public IoHandler, public std::enable_shared_from_this<Cont
  private:
   class Connection;
 
-  ControlServer(std::shared_ptr<HostLoop> loop, std::shared_ptr<DispatchQueue> framework,
-                std::shared_ptr<NETransparentProxyProvider> provider);
+  explicit ControlServer(Parts parts);
   void acceptAll();
-  void answer(std::uint64_t id, Bytes message);
+  void admit(UniqueFd client);
+  // Closes the oldest connection still sending its request; false when every one is answered.
+  bool makeRoom();
+  void answer(std::uint64_t id, Bytes request);
+  void reply(std::uint64_t id, Bytes bytes);
   void drop(std::uint64_t id);
 
-  const std::shared_ptr<HostLoop> loop_;
-  const std::shared_ptr<DispatchQueue> framework_;
-  const std::shared_ptr<NETransparentProxyProvider> provider_;
+  const Parts parts_;
+  const std::shared_ptr<DispatchQueue> deadlines_;
   UniqueFd listener_;
   std::string path_;
   std::uint64_t loop_id_ = 0;
-  // Loop thread only, but for close() after the loop has stopped.
-  std::unordered_map<std::uint64_t, std::shared_ptr<Connection>> connections_;
+  // Loop thread only, but for close() after the loop has stopped. Ordered by id, which grows,
+  // so the first one still reading is the oldest.
+  std::map<std::uint64_t, std::shared_ptr<Connection>> connections_;
 };
-
-// The client side: sends `message` over the control socket at `path`, ends its write side and
-// reads the reply to the end. Absent with a one-line reason on failure. Blocks.
-std::optional<Bytes> sendControlMessage(const std::string& path, const Bytes& message,
-                                        std::string& error);
 
 }  // namespace tarnwick::host
