@@ -28,23 +28,22 @@ std::shared_ptr<TransparentProxyProvider> TransparentProxyProvider::create(Servi
   auto runtime = services.runtime;
   std::shared_ptr<TransparentProxyProvider> provider(
       new TransparentProxyProvider(std::move(services)));
-  provider->engine_ = std::make_unique<RelayEngine>(
-      std::move(runtime), std::move(connections),
-      std::weak_ptr<RelayContext>(provider), timing);
+  provider->engine_ = std::make_unique<RelayEngine>(std::move(runtime), std::move(connections),
+                                                    std::weak_ptr<RelayContext>(provider), timing);
   return provider;
 }
 
-std::shared_ptr<TransparentProxyProvider> TransparentProxyProvider::init() {
+std::shared_ptr<TransparentProxyProvider> TransparentProxyProvider::init(
+    std::shared_ptr<DaemonChannel> bridge) {
   Services services;
   services.runtime = realRuntime();
   services.connections = realConnectionFactory();
-  services.bridge = DaemonBridge::shared();
+  services.bridge = bridge ? std::move(bridge) : DaemonBridge::shared();
   services.relayTiming.handshakeTimeout = relayHandshakeTimeout;
   return create(std::move(services));
 }
 
-void TransparentProxyProvider::startProxy(std::optional<Json> options,
-                                          StartCompletion completion) {
+void TransparentProxyProvider::startProxy(std::optional<Json> options, StartCompletion completion) {
   const auto socket = DaemonBridge::resolveSocket(options);
   proxyLog().info(
       "TransparentProxyProvider.startProxy: socket=%{public}s real=%{bool}d gotConfig=%{bool}d",
@@ -54,8 +53,8 @@ void TransparentProxyProvider::startProxy(std::optional<Json> options,
   applyConfiguration(options);
   // The completion keeps the provider alive until the host has answered.
   setTunnelNetworkSettings(makeNetworkSettings(),
-                           [self = shared_from_this(), completion = std::move(completion)](
-                               std::optional<NEError> error) {
+                           [self = shared_from_this(),
+                            completion = std::move(completion)](std::optional<NEError> error) {
                              self->onTunnelSettingsApplied(error);
                              if (completion) completion(std::move(error));
                            });
@@ -117,7 +116,8 @@ auto TransparentProxyProvider::withCircuit(Operation operation) {
 }
 
 bool TransparentProxyProvider::circuitAllowsRelay() {
-  return withCircuit([](FrontDoorCircuit& circuit, WallTime now) { return circuit.allowRelay(now); });
+  return withCircuit(
+      [](FrontDoorCircuit& circuit, WallTime now) { return circuit.allowRelay(now); });
 }
 
 void TransparentProxyProvider::circuitRecordFailure() {
@@ -128,9 +128,11 @@ void TransparentProxyProvider::circuitRecordSuccess() {
   withCircuit([](FrontDoorCircuit& circuit, WallTime now) { circuit.recordSuccess(now); });
 }
 
-FrontDoorCircuitState TransparentProxyProvider::circuitStateForTest() const {
+TransparentProxyProvider::Status TransparentProxyProvider::status() const {
+  Status status{watchGate_.signingCount(), watchGate_.pidCount()};
   MutexLock lock(circuitLock_);
-  return frontDoorCircuit_.state();
+  status.circuit = frontDoorCircuit_.state();
+  return status;
 }
 
 void TransparentProxyProvider::retainSession(const std::shared_ptr<RelaySession>& session) {

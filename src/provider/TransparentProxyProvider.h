@@ -53,8 +53,17 @@ class TransparentProxyProvider : public NETransparentProxyProvider,
     AncestryGate::SigningLookup signingIDOf = AncestryGate::realSigningID;
   };
 
-  // The provider of the running system: real runtime and connections, the shared daemon bridge.
-  static std::shared_ptr<TransparentProxyProvider> init();
+  // What an operator's status query shows of the provider.
+  struct Status {
+    std::int64_t watchedSigningIDs = 0;
+    std::int64_t watchedPIDs = 0;
+    FrontDoorCircuitState circuit = FrontDoorCircuitState::closed();
+  };
+
+  // The provider of the running system: real runtime and connections, and `bridge` for its
+  // events (empty: the shared daemon bridge itself).
+  static std::shared_ptr<TransparentProxyProvider> init(
+      std::shared_ptr<DaemonChannel> bridge = nullptr);
   static std::shared_ptr<TransparentProxyProvider> create(Services services);
 
   // NETransparentProxyProvider.
@@ -80,9 +89,10 @@ class TransparentProxyProvider : public NETransparentProxyProvider,
   // The reply to a watch-set message: {"ok":true} or {"ok":false}, no line end.
   static Bytes appMessageReply(bool ok);
 
-  // Test hooks.
+  Status status() const;
+
+  // Test hook.
   std::size_t activeSessionCountForTest() const;
-  FrontDoorCircuitState circuitStateForTest() const;
 
  private:
   explicit TransparentProxyProvider(Services services);
