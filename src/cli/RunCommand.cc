@@ -3,16 +3,24 @@
 
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <regex>
 
+#include "bridge/DaemonBridge.h"
 #include "cli/Command.h"
-#include "platform/OptionReader.h"
 #include "host/HostLog.h"
 #include "host/ProxyHost.h"
 #include "host/StartOptionsFile.h"
+#include "host/control/ControlAccess.h"
+#include "host/status/CountingDaemonChannel.h"
+#include "host/status/ProviderStatus.h"
+#include "platform/OptionReader.h"
+#include "platform/Text.h"
 #include "provider/TransparentProxyProvider.h"
 
 namespace tarnwick::cli {
@@ -26,16 +34,21 @@ struct RunArguments {
 
 constexpr const char* kRunUsage =
     "usage: tarnwick-proxyext run --options FILE [--listen-port N] [--mark N]\n"
-    "                             [--control-socket PATH] [--table NAME]\n\n"
+    "                             [--control-socket PATH] [--control-group GROUP] [--table NAME]\n"
+    "\n"
     "Intercepts outbound TCP as the provider's network rules say, until SIGINT or SIGTERM.\n"
     "Needs root. Start-up failures print one line and exit with status 2.\n\n"
-    "  --options FILE         start options, a JSON object: frontDoorPort, frontDoorHost,\n"
-    "                         watchedSigningIDs, watchedPIDs, socketPath, providerConfiguration\n"
-    "  --listen-port N        port of the loopback listeners (127.0.0.1 and ::1); default 15001\n"
+    "  --options FILE         start options, a JSON object with the keys frontDoorPort (1 to\n"
+    "                         65535), frontDoorHost, watchedSigningIDs (executables' canonical\n"
+    "                         paths), watchedPIDs, socketPath (the daemon's socket) and\n"
+    "                         providerConfiguration; any other key is an error\n"
+    "  --listen-port N        port of the loopback listeners (127.0.0.1 and ::1), 1 to 65535;\n"
+    "                         default: one the system picks, which no program can take first\n"
     "  --mark N               socket mark of the interceptor's own connections, decimal or 0x\n"
     "                         hex, not 0; default 0x7477\n"
-    "  --control-socket PATH  Unix socket for watch-set messages (mode 0600);\n"
-    "                         default /run/tarnwick-proxyext.sock\n"
+    "  --control-socket PATH  Unix socket for watch sets and status queries (mode 0600);\n"
+    "                         default /run/tarnwick-proxyext/control.sock\n"
+    "  --control-group GROUP  members of GROUP may use the control socket too (mode 0660)\n"
     "  --table NAME           nftables table (family inet); default tarnwick_proxyext\n";
 
 int usageError(const std::string& message) {
@@ -58,15 +71,21 @@ void readOption(OptionReader& reader, const std::string& name, RunArguments& out
   if (name == "--options") {
     out.optionsPath = *value;
   } else if (name == "--listen-port") {
-    const auto port = parseUnsigned(*value, 65535);
-    if (!port || *port == 0) return reader.fail("--listen-port takes a port from 1 to 65535");
-    out.settings.listenPort = static_cast<std::uint16_t>(*port);
+    const auto port = parseDecimal<std::uint16_t>(*value);
+    if (!port || *port == 0) {
+      return reader.fail("--listen-port takes a port from 1 to 65535, not '" + *value + "'");
+    }
+    out.settings.listenPort = *port;
   } else if (name == "--mark") {
     const auto mark = parseUnsigned(*value, 0xffffffffUL);
     if (!mark || *mark == 0) return reader.fail("--mark takes a non-zero 32-bit number");
     out.settings.socketMark = static_cast<std::uint32_t>(*mark);
   } else if (name == "--control-socket") {
     out.settings.controlSocketPath = *value;
+  } else if (name == "--control-group") {
+    std::string error;
+    out.settings.controlGroup = host::lookUpGroup(*value, error);
+    if (!out.settings.controlGroup) return reader.fail("--control-group: " + error);
   } else if (name == "--table") {
     if (!validTableName(*value)) return reader.fail("--table takes letters, digits and _");
     out.settings.tableName = *value;
@@ -83,9 +102,32 @@ void raiseDescriptorLimit() {
   ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// The provider the host runs.
-std::shared_ptr<NETransparentProxyProvider> makeProvider() {
-  return TransparentProxyProvider::init();
+// The default control socket has a directory of its own, which systemd makes for the unit; run
+// by hand, the interceptor makes it.
+void makeDefaultControlDirectory(const std::string& path) {
+  if (path != host::HostSettings::kDefaultControlSocketPath) return;
+  ::mkdir(std::filesystem::path(path).parent_path().c_str(), 0755);
+}
+
+// The provider the host runs, its events counted on their way to the daemon, and what the
+// status query shows of it.
+std::shared_ptr<TransparentProxyProvider> makeProvider(host::ProxyHost::Options& hostOptions) {
+  hostOptions.counters = std::make_shared<host::HostCounters>();
+  auto provider = TransparentProxyProvider::init(
+      std::make_shared<host::CountingDaemonChannel>(DaemonBridge::shared(), hostOptions.counters));
+  hostOptions.providerStatus = [weak = std::weak_ptr(provider)] {
+    const auto held = weak.lock();
+    return held ? host::describeProviderStatus(held->status()) : Json::object();
+  };
+  return provider;
+}
+
+// The runtime's threads live as long as the process, and nothing tells when the last of their
+// timers and connections is done, so once the host has stopped the command ends the process
+// itself rather than return through static destructors those threads may still reach.
+[[noreturn]] void exitProcess(int status) {
+  std::fflush(nullptr);
+  std::_Exit(status);
 }
 
 int run(const std::vector<std::string>& args) {
@@ -100,9 +142,13 @@ int run(const std::vector<std::string>& args) {
     return kExitOk;
   }
   if (arguments.optionsPath.empty()) return usageError("--options FILE is required");
-  if (::geteuid() != 0) return usageError("must run as root (nftables rules and socket marks)");
   auto options = host::readStartOptionsFile(arguments.optionsPath);
   if (!options.options) return usageError(options.error);
+  if (::geteuid() != 0) return usageError("must run as root (nftables rules and socket marks)");
+  for (const std::string& warning : options.warnings) {
+    host::hostLog().error("host: warning: %{public}s", warning);
+  }
+  makeDefaultControlDirectory(arguments.settings.controlSocketPath);
   raiseDescriptorLimit();
   // splice() into a socket whose peer has reset raises SIGPIPE, which has no flag to turn it off
   // per call; a vanished peer must end one carried connection, never the interceptor.
@@ -115,15 +161,16 @@ int run(const std::vector<std::string>& args) {
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
   host::ProxyHost::Options hostOptions;
   hostOptions.settings = arguments.settings;
-  auto proxyHost = host::ProxyHost::create(makeProvider(), std::move(hostOptions));
-  if (auto error = proxyHost->start(std::move(options.options))) return usageError(*error);
+  auto provider = makeProvider(hostOptions);
+  auto proxyHost = host::ProxyHost::create(std::move(provider), std::move(hostOptions));
+  if (auto error = proxyHost->start(std::move(options.options))) exitProcess(usageError(*error));
   host::hostLog().info("host: intercepting; listening on port %hu, control socket %{public}s",
                        proxyHost->listenPort(), arguments.settings.controlSocketPath);
   int signal = 0;
   sigwait(&stopSignals, &signal);
   host::hostLog().info("host: stopping on signal %d", signal);
   proxyHost->stop();
-  return kExitOk;
+  exitProcess(kExitOk);
 }
 
 const CommandRegistration kRun({"run", "intercept outbound TCP until SIGINT or SIGTERM (root)",

@@ -5,7 +5,7 @@
 
 #include "cli/Command.h"
 #include "host/HostSettings.h"
-#include "host/control/ControlServer.h"
+#include "host/control/ControlClient.h"
 #include "platform/Json.h"
 #include "platform/OptionReader.h"
 #include "platform/Text.h"
@@ -16,8 +16,9 @@ namespace {
 constexpr const char* kWatchUsage =
     "usage: tarnwick-proxyext watch [--control-socket PATH] [--signing-id ID]... [--pid N]...\n\n"
     "Replaces the whole watch set of the running interceptor (no option: nothing is watched)\n"
-    "and prints its reply. Exit status 0 when the reply is {\"ok\":true}, 1 otherwise.\n\n"
-    "  --control-socket PATH  default /run/tarnwick-proxyext.sock\n"
+    "and prints its reply. Exit status 0 when the reply is {\"ok\":true}, 1 otherwise, also\n"
+    "when no reply comes within 5 seconds. Only root and the interceptor's control group may.\n\n"
+    "  --control-socket PATH  default /run/tarnwick-proxyext/control.sock\n"
     "  --signing-id ID        a watched signing identifier (an executable's canonical path)\n"
     "  --pid N                a watched process ID\n";
 
@@ -71,7 +72,8 @@ int watch(const std::vector<std::string>& args) {
   const Json message{{"watchedSigningIDs", arguments.signingIDs}, {"watchedPIDs", arguments.pids}};
   std::string error;
   const auto reply =
-      host::sendControlMessage(arguments.controlSocketPath, bytesOf(dumpCompact(message)), error);
+      host::sendControlRequest(arguments.controlSocketPath, host::ControlOperation::Watch,
+                               bytesOf(dumpCompact(message)), error);
   if (!reply) {
     std::fprintf(stderr, "tarnwick-proxyext watch: %s\n", error.c_str());
     return kExitFailure;

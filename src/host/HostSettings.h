@@ -1,21 +1,29 @@
 #pragma once
 // What the host itself needs besides the provider's start options: where it listens, the mark
-// that keeps its own connections out of the redirect, the control socket and the table's name.
+// that keeps its own connections out of the redirect, the control socket and who may use it, and
+// the table's name.
+
+#include <sys/types.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace tarnwick::host {
 
 struct HostSettings {
-  static constexpr std::uint16_t kDefaultListenPort = 15001;
+  // 0: a port the kernel chooses, which no other program can hold in advance.
+  static constexpr std::uint16_t kDefaultListenPort = 0;
   static constexpr std::uint32_t kDefaultSocketMark = 0x7477;
-  static constexpr const char* kDefaultControlSocketPath = "/run/tarnwick-proxyext.sock";
+  // The directory is the systemd unit's runtime directory.
+  static constexpr const char* kDefaultControlSocketPath = "/run/tarnwick-proxyext/control.sock";
   static constexpr const char* kDefaultTableName = "tarnwick_proxyext";
 
   std::uint16_t listenPort = kDefaultListenPort;
   std::uint32_t socketMark = kDefaultSocketMark;
   std::string controlSocketPath = kDefaultControlSocketPath;
+  // Besides root, the members of this group may use the control socket.
+  std::optional<gid_t> controlGroup;
   std::string tableName = kDefaultTableName;
 };
 

@@ -3,8 +3,10 @@
 #include <cerrno>
 #include <chrono>
 #include <future>
+#include <thread>
 
 #include "host/HostLog.h"
+#include "host/control/ControlSocket.h"
 #include "host/owner/OwnerWalker.h"
 #include "host/redirect/NftRuleset.h"
 #include "host/redirect/OriginalDestination.h"
@@ -15,6 +17,13 @@ namespace {
 
 // How long the provider may take to start (it hands over its rules within that time).
 constexpr auto kStartTimeout = std::chrono::seconds(10);
+// How long a stop waits for the provider to let go of the flows it was carrying, once they are
+// ended; whatever is left then goes with the process.
+constexpr auto kReleaseTimeout = std::chrono::seconds(2);
+constexpr auto kReleasePoll = std::chrono::milliseconds(10);
+// A port the kernel chose for the listeners may be taken by another program before all of them
+// are bound; another one is chosen then.
+constexpr int kAnyPortAttempts = 8;
 
 std::shared_ptr<Runtime> runtimeOr(const std::shared_ptr<Runtime>& runtime) {
   return runtime ? runtime : realRuntime();
@@ -30,14 +39,14 @@ std::shared_ptr<ProxyHost> ProxyHost::create(std::shared_ptr<NETransparentProxyP
 ProxyHost::ProxyHost(std::shared_ptr<NETransparentProxyProvider> provider, Options options)
     : provider_(std::move(provider)),
       options_(std::move(options)),
-      framework_(runtimeOr(options_.runtime)
-                     ->makeQueue("dev.fernquill.tarnwick.host", QualityOfService::UserInitiated)),
-      walker_(options_.identify
-                  ? nullptr
-                  : std::make_shared<OwnerWalker>(
-                        runtimeOr(options_.runtime)
-                            ->makeQueue("dev.fernquill.tarnwick.host.owners",
-                                        QualityOfService::Utility, QueueKind::Blocking))) {
+      runtime_(runtimeOr(options_.runtime)),
+      framework_(
+          runtime_->makeQueue("dev.fernquill.tarnwick.host", QualityOfService::UserInitiated)),
+      counters_(options_.counters ? options_.counters : std::make_shared<HostCounters>()),
+      walker_(options_.identify ? nullptr
+                                : std::make_shared<OwnerWalker>(runtime_->makeQueue(
+                                      "dev.fernquill.tarnwick.host.owners",
+                                      QualityOfService::Utility, QueueKind::Blocking))) {
   for (std::size_t i = 0; i < ioLaneCount(); ++i) {
     lanes_.push_back({std::make_shared<HostLoop>(ioLane(i)), nullptr, nullptr});
   }
@@ -46,13 +55,7 @@ ProxyHost::ProxyHost(std::shared_ptr<NETransparentProxyProvider> provider, Optio
 ProxyHost::~ProxyHost() { stop(); }
 
 std::optional<std::string> ProxyHost::start(std::optional<Json> startOptions) {
-  for (const Lane& lane : lanes_) {
-    if (!lane.loop->valid()) return "cannot create the host's event loop";
-  }
-  {
-    MutexLock lock(mutex_);
-    if (options_.installRules && !table_.valid()) return "nftables is unavailable";
-  }
+  if (auto problem = checkMachine()) return problem;
   if (options_.installRules) setProcessSocketMark(options_.settings.socketMark);
   if (auto error = listen()) {
     stop();
@@ -77,9 +80,45 @@ std::optional<std::string> ProxyHost::start(std::optional<Json> startOptions) {
   return failure;
 }
 
-std::optional<std::string> ProxyHost::listen() {
+// What keeps the host from starting is found before anything is installed; a machine without
+// IPv6 is served on IPv4 alone.
+std::optional<std::string> ProxyHost::checkMachine() {
+  for (const Lane& lane : lanes_) {
+    if (!lane.loop->valid()) return "cannot create the host's event loop (epoll)";
+  }
+  {
+    MutexLock lock(mutex_);
+    if (options_.installRules && !table_.valid()) {
+      return "cannot open nftables (is the nf_tables module available, and does the process "
+             "have CAP_NET_ADMIN?)";
+    }
+  }
   std::string error;
-  const auto port = FlowIntake::reservePort(options_.settings.listenPort, error);
+  if (!controlSocketPathUsable(options_.settings.controlSocketPath, error)) return error;
+  ipv6_ = FlowIntake::loopbackIPv6Available();
+  if (!ipv6_) {
+    hostLog().error(
+        "host: warning: IPv6 is not available here (::1 cannot be bound) — "
+        "intercepting IPv4 only");
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string> ProxyHost::listen() {
+  for (int attempt = 1;; ++attempt) {
+    auto failure = listenOnce();
+    if (!failure || options_.settings.listenPort != 0 || attempt == kAnyPortAttempts) {
+      return failure;
+    }
+    for (const Lane& lane : lanes_) {
+      if (lane.intake) lane.intake->close();
+    }
+  }
+}
+
+std::optional<std::string> ProxyHost::listenOnce() {
+  std::string error;
+  const auto port = FlowIntake::reservePort(options_.settings.listenPort, ipv6_, error);
   if (!port) return error;
   port_ = *port;
   for (Lane& lane : lanes_) {
@@ -89,7 +128,13 @@ std::optional<std::string> ProxyHost::listen() {
 }
 
 std::optional<std::string> ProxyHost::listenControl() {
-  control_ = ControlServer::create(lanes_.front().loop, framework_, provider_);
+  control_ = ControlServer::create({lanes_.front().loop, framework_, runtime_, provider_,
+                                    [weak = weak_from_this()] {
+                                      const auto self = weak.lock();
+                                      return self ? self->status() : Json::object();
+                                    },
+                                    ControlAccess(options_.settings.controlGroup),
+                                    options_.controlLimits});
   std::string error;
   if (!control_->listen(options_.settings.controlSocketPath, error)) return error;
   return std::nullopt;
@@ -100,10 +145,11 @@ std::optional<std::string> ProxyHost::listenOn(Lane& lane, std::uint16_t port) {
       lane.loop,
       options_.installRules ? std::optional(options_.settings.socketMark) : std::nullopt);
   lane.intake = FlowIntake::create(
-      {lane.loop, runtimeOr(options_.runtime), lane.carrier, provider_,
+      {lane.loop, runtime_, lane.carrier, provider_,
        options_.destinationOf ? options_.destinationOf
                               : FlowIntake::DestinationLookup(originalDestination),
-       options_.identify ? options_.identify : realIdentification(lane.loop, walker_)});
+       options_.identify ? options_.identify : realIdentification(lane.loop, walker_), counters_,
+       taken_, ipv6_});
   std::string error;
   if (!lane.intake->listen(port, error)) return error;
   return std::nullopt;
@@ -122,6 +168,27 @@ void ProxyHost::stop() {
     if (lane.intake) lane.intake->close();
   }
   if (control_) control_->close();
+  endTakenFlows();
+}
+
+// The flows' own queues still run: each carrier hears its flow fail and lets go of it.
+void ProxyHost::endTakenFlows() {
+  const std::size_t ended = taken_->abortAll();
+  if (ended == 0) return;
+  hostLog().info("host: ended %ld flows still carried", ended);
+  const auto deadline = std::chrono::steady_clock::now() + kReleaseTimeout;
+  while (taken_->liveCount() > 0 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(kReleasePoll);
+  }
+}
+
+Json ProxyHost::status() const {
+  Json report{{"selection", "all"},     {"candidates", nullptr}, {"watchedSigningIDs", nullptr},
+              {"watchedPIDs", nullptr}, {"circuit", nullptr},    {"relays", taken_->liveCount()},
+              {"listenPort", port_},    {"ipv6", ipv6_}};
+  if (options_.providerStatus) report.update(options_.providerStatus());
+  report.update(counters_->snapshot());
+  return report;
 }
 
 void ProxyHost::applyTunnelNetworkSettings(

@@ -2,11 +2,12 @@
 // Hosts a transparent-proxy provider on Linux, in the part the platform's network-extension
 // framework plays: the provider's network rules become one nftables table, redirected TCP
 // connections become flows offered to it, flows it does not take are carried directly, and the
-// control socket delivers app messages.
+// control socket delivers app messages and answers status queries.
 //
 // start() and stop(): one thread (the command's). applyTunnelNetworkSettings: any thread; its
-// completion runs on the host's framework queue.
+// completion runs on the host's framework queue. status(): any thread.
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -17,8 +18,10 @@
 #include "host/control/ControlServer.h"
 #include "host/handback/HandBackCarrier.h"
 #include "host/intake/FlowIntake.h"
+#include "host/intake/TakenFlows.h"
 #include "host/owner/OwnerWalker.h"
 #include "host/redirect/NftTable.h"
+#include "host/status/HostCounters.h"
 #include "platform/Mutex.h"
 #include "platform/NetworkExtension.h"
 
@@ -34,6 +37,10 @@ class ProxyHost : public NETunnelHost, public std::enable_shared_from_this<Proxy
     FlowIntake::DestinationLookup destinationOf;  // empty: the kernel's original destination
     FlowIntake::Identify identify;                // empty: the real identification
     std::shared_ptr<Runtime> runtime;             // empty: the real runtime
+    std::shared_ptr<HostCounters> counters;       // empty: counters of the host's own
+    // The provider's part of the status object; empty: those keys are null.
+    std::function<Json()> providerStatus;
+    ControlServer::Limits controlLimits;
   };
 
   static std::shared_ptr<ProxyHost> create(std::shared_ptr<NETransparentProxyProvider> provider,
@@ -45,7 +52,8 @@ class ProxyHost : public NETunnelHost, public std::enable_shared_from_this<Proxy
   // On failure returns one line saying why, with everything undone (no table, no listener, no
   // socket file).
   std::optional<std::string> start(std::optional<Json> startOptions);
-  // Stops the provider, removes the table, closes the listeners and the control socket.
+  // Stops the provider, removes the table, closes the listeners and the control socket, then
+  // ends the flows the provider still carries and waits a little for it to let go of them.
   // Idempotent.
   void stop();
 
@@ -54,12 +62,19 @@ class ProxyHost : public NETunnelHost, public std::enable_shared_from_this<Proxy
 
   std::uint16_t listenPort() const;
   std::shared_ptr<const NETransparentProxyNetworkSettings> appliedSettings() const;
+  // The answer to a status query: {"selection", "candidates", "watchedSigningIDs",
+  // "watchedPIDs", "circuit", "relays" (flows the provider carries now), "listenPort",
+  // "ipv6"} and the counters since start (HostCounters).
+  Json status() const;
 
  private:
   ProxyHost(std::shared_ptr<NETransparentProxyProvider> provider, Options options);
+  std::optional<std::string> checkMachine();
   std::optional<std::string> listen();
+  std::optional<std::string> listenOnce();
   std::optional<NEError> installRules(const NETransparentProxyNetworkSettings& settings);
   void removeRules();
+  void endTakenFlows();
 
   // What the host runs on one lane: its event loop, the intake that accepts that lane's share of
   // the redirected connections, and the carrier of the flows handed back there.
@@ -74,11 +89,16 @@ class ProxyHost : public NETunnelHost, public std::enable_shared_from_this<Proxy
 
   const std::shared_ptr<NETransparentProxyProvider> provider_;
   const Options options_;
+  const std::shared_ptr<Runtime> runtime_;
   const std::shared_ptr<DispatchQueue> framework_;
+  const std::shared_ptr<HostCounters> counters_;
+  const std::shared_ptr<TakenFlows> taken_ = std::make_shared<TakenFlows>();
   // Searches /proc for the lanes, unless identification is given.
   const std::shared_ptr<OwnerWalker> walker_;
   std::vector<Lane> lanes_;
+  // Set during start, before the control socket answers; read without a lock after.
   std::uint16_t port_ = 0;
+  bool ipv6_ = true;
   std::shared_ptr<ControlServer> control_;
   bool started_ = false;
   mutable Mutex mutex_;

@@ -16,6 +16,7 @@
 #include "HostTesting.h"
 #include "host/PassThroughProvider.h"
 #include "host/ProxyHost.h"
+#include "host/control/ControlClient.h"
 #include "host/owner/SocketOwnerMap.h"
 #include "host/redirect/NftRuleset.h"
 #include "host/redirect/OriginalDestination.h"
@@ -127,12 +128,19 @@ struct TestProvider : PassThroughProvider {
     });
   }
 
+  std::size_t offered() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return flows.size();
+  }
+
   std::atomic<bool> take{false}, stopped{false};
   std::atomic<int> reads{0};  // pending
   std::optional<NEError> startError;
   std::optional<Json> started;  // read once start() has returned
   std::mutex mutex;
-  std::vector<Flow> flows;  // written under mutex; read once `reads` has counted them
+  // Written under mutex; read once `reads` has counted them. Held weakly: a flow lives as long
+  // as its echo does.
+  std::vector<std::weak_ptr<NEAppProxyTCPFlow>> flows;
 };
 
 class ProxyHostTest : public ::testing::Test {
@@ -154,7 +162,11 @@ class ProxyHostTest : public ::testing::Test {
     return options;
   }
   void start() {
-    host_ = ProxyHost::create(provider_, options());
+    auto hostOptions = options();
+    hostOptions.providerStatus = [] {
+      return Json{{"watchedSigningIDs", 2}, {"watchedPIDs", 1}, {"circuit", "closed"}};
+    };
+    host_ = ProxyHost::create(provider_, std::move(hostOptions));
     ASSERT_EQ(host_->start(Json{{"frontDoorPort", 8443}}), std::nullopt);
   }
   TestClient connect(const std::string& family = "127.0.0.1") {
@@ -194,7 +206,8 @@ TEST_F(ProxyHostTest, OffersRedirectedConnectionsWithTheirDestinationAndProcess)
   redirected_ = true;
   auto client = connect("::1");
   ASSERT_TRUE(eventually([&] { return provider_->reads == 1; }));
-  const Flow flow = provider_->flows.at(0);
+  const Flow flow = provider_->flows.at(0).lock();
+  ASSERT_TRUE(flow);
   EXPECT_EQ(flow->remoteEndpoint(), (NWHostEndpoint{"198.18.0.7", "443"}));
   EXPECT_EQ(flow->metaData().sourceAppSigningIdentifier, "/usr/bin/agent");
   EXPECT_EQ(flow->metaData().sourceAppAuditToken, bytesOf("::1->443"));
@@ -226,15 +239,85 @@ TEST_F(ProxyHostTest, IdleFlowsHoldNoReadBuffers) {
   EXPECT_LT(heap() - before, kFlows * 16384);
 }
 
-// Each connection carries one message, answered with the provider's reply. (That the message
-// reaches the provider whole shows in the watch command's reply, through the run command.)
+// Each connection carries one message, answered with the provider's reply.
 TEST_F(ProxyHostTest, ControlSocketAnswersOneMessagePerConnection) {
   start();
   std::string error;
   for (const char* message : {R"({"watchedPIDs":[7]})", ""}) {
-    EXPECT_EQ(sendControlMessage(controlPath_, bytesOf(message), error), bytesOf("{\"ok\":false}"))
+    EXPECT_EQ(sendControlRequest(controlPath_, ControlOperation::Watch, bytesOf(message), error),
+              bytesOf("{\"ok\":false}"))
         << error;
   }
+}
+
+// What a status query shows: the provider's part, the flows carried now, and what was counted
+// since the start.
+TEST_F(ProxyHostTest, StatusShowsTheProviderTheFlowsAndTheCounts) {
+  provider_->take = true;
+  start();
+  const auto status = [&] {
+    std::string error;
+    const auto reply = sendControlRequest(controlPath_, ControlOperation::Status, {}, error);
+    return parseJsonDocument(textOf(reply.value_or(Bytes{}))).value_or(Json());
+  };
+  TestClient client = connect();
+  EXPECT_EQ(passed(client, client, "ping"), "ping");
+  redirected_ = false;
+  EXPECT_EQ(connect().readToEnd(), "");
+  redirected_ = true;
+  provider_->take = false;
+  TestClient handedBack = connect();
+  ASSERT_TRUE(eventually([&] { return provider_->offered() == 2; }));
+  provider_->take = true;
+  TestClient idle = connect();
+  const Json expected{{"selection", "all"},
+                      {"candidates", nullptr},
+                      {"watchedSigningIDs", 2},
+                      {"watchedPIDs", 1},
+                      {"circuit", "closed"},
+                      {"relays", 1},
+                      {"listenPort", host_->listenPort()},
+                      {"ipv6", true},
+                      {"relayed", 0},
+                      {"handedBack", 1},
+                      {"failedOpen", Json::object()},
+                      {"udpFlowsReported", 0},
+                      {"unplaced", 1},
+                      {"bytesFromAgents", 4},
+                      {"bytesToAgents", 4}};
+  EXPECT_TRUE(eventually([&] { return status() == expected; }));
+  EXPECT_EQ(status(), expected);
+}
+
+// A stop ends the flows the provider still carries: their clients see a reset, the provider's
+// pending reads fail, so it lets go of them, and the stop returns at once.
+TEST_F(ProxyHostTest, StopEndsTheFlowsStillCarried) {
+  provider_->take = true;
+  start();
+  std::vector<TestClient> clients;
+  for (int i = 0; i < 3; ++i) clients.push_back(connect(i % 2 ? "::1" : "127.0.0.1"));
+  ASSERT_TRUE(eventually([&] { return provider_->reads == 3; }));
+  host_->stop();
+  EXPECT_EQ(provider_->reads, 0);
+  for (TestClient& client : clients) {
+    EXPECT_EQ(client.readToEnd(), "");
+    EXPECT_EQ(client.error(), ECONNRESET);
+  }
+  std::lock_guard<std::mutex> lock(provider_->mutex);
+  for (const auto& flow : provider_->flows) EXPECT_TRUE(flow.expired());
+}
+
+// Whatever keeps the control socket from being made stops the start before anything is
+// listened on or installed, and a running host's socket stays as it is.
+TEST_F(ProxyHostTest, AControlSocketPathInTheWayStopsTheStartBeforeAnything) {
+  start();
+  auto second = ProxyHost::create(std::make_shared<TestProvider>(), options());
+  const std::string failure = second->start(std::nullopt).value_or("");
+  EXPECT_NE(failure.find(controlPath_ + " is in use by a running interceptor"), std::string::npos)
+      << failure;
+  EXPECT_EQ(second->listenPort(), 0);
+  std::string error;
+  EXPECT_TRUE(sendControlRequest(controlPath_, ControlOperation::Status, {}, error)) << error;
 }
 
 TEST_F(ProxyHostTest, AProviderThatFailsToStartIsReportedInOneLineAndStopped) {

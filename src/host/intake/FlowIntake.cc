@@ -20,21 +20,11 @@ constexpr const char* kLoopbacks[2] = {"127.0.0.1", "::1"};
 
 UniqueFd openSpare() { return UniqueFd(::open("/dev/null", O_RDONLY | O_CLOEXEC)); }
 
-// Bound exclusively, so a port another process listens on, shared or not, is refused; the
-// sockets close at once and never listened, so the port is free again for the intakes.
-std::optional<std::uint16_t> probeBoth(std::uint16_t port, std::string& error) {
-  std::array<UniqueFd, 2> probes;
-  for (std::size_t i = 0; i < probes.size(); ++i) {
-    const auto address = literalAddress(kLoopbacks[i], port);
-    probes[i] = bindTcpSocket(*address, error);
-    if (!probes[i]) {
-      error = "cannot listen on " + formatAddress(*address) + ": " + error;
-      return std::nullopt;
-    }
-    // Port 0: the first free port becomes the second address's too.
-    if (port == 0) port = portOf(localAddress(probes[i].get()).value_or(*address));
-  }
-  return port;
+std::string listenFailure(const SocketAddress& address, const std::string& error) {
+  if (errno != EADDRINUSE) return "cannot listen on " + formatAddress(address) + ": " + error;
+  return "port " + std::to_string(portOf(address)) + " is taken on " + formatAddress(address) +
+         " by another program: choose another --listen-port, or leave it out and the system "
+         "picks a free one";
 }
 
 }  // namespace
@@ -47,18 +37,32 @@ FlowIntake::FlowIntake(Parts parts) : parts_(std::move(parts)), spare_(openSpare
 
 FlowIntake::~FlowIntake() { close(); }
 
-// The port the first address is given for 0 may be in use on the other one, so a few are tried.
-std::optional<std::uint16_t> FlowIntake::reservePort(std::uint16_t port, std::string& error) {
-  constexpr int kAnyPortAttempts = 8;
-  for (int attempt = 1;; ++attempt) {
-    const auto reserved = probeBoth(port, error);
-    if (reserved || port != 0 || attempt == kAnyPortAttempts) return reserved;
+bool FlowIntake::loopbackIPv6Available() {
+  std::string error;
+  return bindTcpSocket(*literalAddress(kLoopbacks[1], 0), error).valid();
+}
+
+// Bound exclusively, so a port another process listens on, shared or not, is refused; the
+// sockets close at once and never listened, so the port is free again for the intakes.
+std::optional<std::uint16_t> FlowIntake::reservePort(std::uint16_t port, bool ipv6,
+                                                     std::string& error) {
+  std::array<UniqueFd, 2> probes;
+  for (std::size_t i = 0; i < (ipv6 ? 2u : 1u); ++i) {
+    const auto address = literalAddress(kLoopbacks[i], port);
+    probes[i] = bindTcpSocket(*address, error);
+    if (!probes[i]) {
+      error = listenFailure(*address, error);
+      return std::nullopt;
+    }
+    // Port 0: the port the first address is given becomes the second address's too.
+    if (port == 0) port = portOf(localAddress(probes[i].get()).value_or(*address));
   }
+  return port;
 }
 
 bool FlowIntake::listen(std::uint16_t port, std::string& error) {
   if (loop_id_ == 0) loop_id_ = parts_.loop->registerHandler(weak_from_this());
-  for (std::size_t i = 0; i < listeners_.size(); ++i) {
+  for (std::size_t i = 0; i < listenerCount(); ++i) {
     const auto address = literalAddress(kLoopbacks[i], port);
     UniqueFd listener = bindTcpSocket(*address, error, PortSharing::Shared);
     // Accepted connections inherit it: the host never holds back a client's small segments.
@@ -68,14 +72,14 @@ bool FlowIntake::listen(std::uint16_t port, std::string& error) {
       listener.reset();
     }
     if (!listener) {
-      error = "cannot listen on " + formatAddress(*address) + ": " + error;
+      error = listenFailure(*address, error);
       close();
       return false;
     }
     listeners_[i] = std::move(listener);
   }
   port_ = port;
-  for (std::size_t i = 0; i < listeners_.size(); ++i) {
+  for (std::size_t i = 0; i < listenerCount(); ++i) {
     parts_.loop->add(listeners_[i].get(), loop_id_, static_cast<std::uint32_t>(i), EPOLLIN);
   }
   return true;
@@ -110,6 +114,7 @@ void FlowIntake::acceptFrom(std::size_t index) {
       if (!destination || sameSocketAddress(*destination, *self)) {
         hostLog().error(
             "intake: connection to the listener itself or without a destination — closed");
+        parts_.counters->countUnplaced();
         continue;
       }
       accepted.push_back({std::move(client), peer, *destination});
@@ -137,13 +142,15 @@ void FlowIntake::offer(UniqueFd client, const SocketAddress& destination, NEFlow
   auto queue = parts_.runtime->makeQueue("dev.fernquill.tarnwick.host.flow",
                                          QualityOfService::UserInitiated);
   auto flow = SocketFlow::create(parts_.loop, std::move(client), hostEndpointOf(destination),
-                                 std::move(metaData), std::move(queue));
-  if (parts_.provider->handleNewFlow(flow)) return;
+                                 std::move(metaData), std::move(queue), parts_.counters);
+  if (parts_.provider->handleNewFlow(flow)) return parts_.taken->add(flow);
+  parts_.counters->countHandedBack();
   if (auto socket = flow->takeSocket()) parts_.carrier->carry(std::move(*socket), destination);
 }
 
 void FlowIntake::shedOne(int listener) {
   hostLog().error("intake: out of file descriptors — dropping a connection");
+  parts_.counters->countUnplaced();
   spare_.reset();
   UniqueFd dropped(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
   resetAndClose(dropped);

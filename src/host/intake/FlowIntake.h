@@ -1,10 +1,12 @@
 #pragma once
-// Turns redirected connections into flows. Listens on 127.0.0.1 and ::1; for each accepted
+// Turns redirected connections into flows. Listens on 127.0.0.1 and, where the machine has IPv6,
+// on ::1; for each accepted
 // connection it reads the original destination (a connection aimed at the listener itself is
 // closed, so the host never loops into itself), then, once the accept loop has emptied the
 // listener's queue, names the owning process and offers the flow to the provider. A flow the
-// provider does not take goes to the hand-back carrier. A connection whose process takes a walk
-// of /proc to find waits for it off the lane; the others go on meanwhile.
+// provider does not take goes to the hand-back carrier; one it takes is kept track of, weakly. A
+// connection whose process takes a walk of /proc to find waits for it off the lane; the others go
+// on meanwhile. Every connection that is closed instead of offered is logged and counted.
 //
 // The host runs one intake per lane, all listening on one shared port: the kernel spreads new
 // connections over them, and each flow lives on the lane that accepted it, with its framework
@@ -22,7 +24,9 @@
 
 #include "host/HostLoop.h"
 #include "host/handback/HandBackCarrier.h"
+#include "host/intake/TakenFlows.h"
 #include "host/owner/FlowIdentifier.h"
+#include "host/status/HostCounters.h"
 #include "platform/Dispatch.h"
 #include "platform/NetworkExtension.h"
 #include "platform/posix/SocketAddress.h"
@@ -47,15 +51,21 @@ class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowInt
     std::shared_ptr<NETransparentProxyProvider> provider;
     DestinationLookup destinationOf;  // the kernel's original destination
     Identify identify;
+    std::shared_ptr<HostCounters> counters;
+    std::shared_ptr<TakenFlows> taken;
+    bool ipv6 = true;  // whether to listen on ::1 as well
   };
 
   static std::shared_ptr<FlowIntake> create(Parts parts);
   ~FlowIntake() override;
 
-  // A port free on both loopback addresses for the intakes to share: `port` itself, or a free
-  // one for 0. Absent, with one line saying why, when it is taken.
-  static std::optional<std::uint16_t> reservePort(std::uint16_t port, std::string& error);
-  // Binds both loopback listeners to `port`, shared with the other intakes. On failure returns
+  // Whether ::1 can be bound here; where IPv6 is disabled or missing it cannot.
+  static bool loopbackIPv6Available();
+  // A port free on the loopback addresses for the intakes to share: `port` itself, or one the
+  // kernel chooses for 0. Absent, with one line saying why, when it is taken.
+  static std::optional<std::uint16_t> reservePort(std::uint16_t port, bool ipv6,
+                                                  std::string& error);
+  // Binds the loopback listeners to `port`, shared with the other intakes. On failure returns
   // false, says why in one line and leaves nothing bound.
   bool listen(std::uint16_t port, std::string& error);
   std::uint16_t port() const { return port_; }
@@ -79,6 +89,7 @@ class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowInt
   // Out of descriptors: accept with the spare one and drop the connection, so the listener's
   // readiness does not spin the loop.
   void shedOne(int listener);
+  std::size_t listenerCount() const { return parts_.ipv6 ? 2 : 1; }
 
   Parts parts_;
   std::array<UniqueFd, 2> listeners_;

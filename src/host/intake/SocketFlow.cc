@@ -22,18 +22,21 @@ NEError notOpenError() { return {ENOTCONN, "flow is not open"}; }
 
 std::shared_ptr<SocketFlow> SocketFlow::create(std::shared_ptr<HostLoop> loop, UniqueFd socket,
                                                NWHostEndpoint remote, NEFlowMetaData metaData,
-                                               std::shared_ptr<DispatchQueue> framework) {
+                                               std::shared_ptr<DispatchQueue> framework,
+                                               std::shared_ptr<HostCounters> counters) {
   return std::shared_ptr<SocketFlow>(new SocketFlow(std::move(loop), std::move(socket),
                                                     std::move(remote), std::move(metaData),
-                                                    std::move(framework)));
+                                                    std::move(framework), std::move(counters)));
 }
 
 SocketFlow::SocketFlow(std::shared_ptr<HostLoop> loop, UniqueFd socket, NWHostEndpoint remote,
-                       NEFlowMetaData metaData, std::shared_ptr<DispatchQueue> framework)
+                       NEFlowMetaData metaData, std::shared_ptr<DispatchQueue> framework,
+                       std::shared_ptr<HostCounters> counters)
     : loop_(std::move(loop)),
       remote_(std::move(remote)),
       meta_data_(std::move(metaData)),
       framework_(std::move(framework)),
+      counters_(std::move(counters)),
       socket_(std::move(socket)) {}
 
 SocketFlow::~SocketFlow() {
@@ -126,6 +129,25 @@ std::optional<UniqueFd> SocketFlow::takeSocket() {
   return std::move(socket_);
 }
 
+void SocketFlow::abort() {
+  std::vector<Work> out;
+  {
+    MutexLock lock(mutex_);
+    const NEError error{ECONNABORTED, "the host is stopping"};
+    read_closed_ = true;
+    write_closed_ = true;
+    if (auto completion = std::exchange(pending_read_, nullptr)) {
+      out.push_back([completion, error] { completion(std::nullopt, error); });
+    }
+    failWritesLockHeld(error, out);
+    if (socket_) {
+      loop_->remove(socket_.get());
+      resetAndClose(socket_);
+    }
+  }
+  post(out);
+}
+
 void SocketFlow::onIoEvent(std::uint32_t, std::uint32_t) {
   // Hold ourselves: a completion posted below may drop the provider's last reference.
   const auto self = shared_from_this();
@@ -152,6 +174,7 @@ void SocketFlow::tryReadLockHeld(std::vector<Work>& out) {
   if (got < 0) {
     out.push_back([completion, error = errnoError(errno)] { completion(std::nullopt, error); });
   } else {
+    if (counters_) counters_->countBytesFromAgent(static_cast<std::size_t>(got));
     // Zero bytes: the client ended its stream; the empty content says so.
     out.push_back([completion, data = Bytes(scratch.begin(), scratch.begin() + got)]() mutable {
       completion(std::move(data), std::nullopt);
@@ -170,6 +193,7 @@ void SocketFlow::tryWriteLockHeld(std::vector<Work>& out) {
     if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return rearmLockHeld();
     if (sent < 0) return failWritesLockHeld(errnoError(errno), out);
     front.sent += static_cast<std::size_t>(sent);
+    if (counters_) counters_->countBytesToAgent(static_cast<std::size_t>(sent));
     if (front.sent < front.data.size()) continue;
     out.push_back([completion = std::move(front.completion)] { completion(std::nullopt); });
     pending_writes_.pop_front();

@@ -8,6 +8,8 @@
 // last one filled the scratch space, since more is then likely waiting. Writes go straight to the
 // socket; what does not fit waits for writability.
 //
+// The bytes read from and written to the client are added to the host's counters, when given.
+//
 // Methods: any thread. onIoEvent: the loop thread. mutex_ guards the socket and the pending
 // operations; completions are posted after it is released.
 
@@ -16,6 +18,7 @@
 #include <optional>
 
 #include "host/HostLoop.h"
+#include "host/status/HostCounters.h"
 #include "platform/Dispatch.h"
 #include "platform/Mutex.h"
 #include "platform/NetworkExtension.h"
@@ -29,7 +32,8 @@ class SocketFlow : public NEAppProxyTCPFlow,
  public:
   static std::shared_ptr<SocketFlow> create(std::shared_ptr<HostLoop> loop, UniqueFd socket,
                                             NWHostEndpoint remote, NEFlowMetaData metaData,
-                                            std::shared_ptr<DispatchQueue> framework);
+                                            std::shared_ptr<DispatchQueue> framework,
+                                            std::shared_ptr<HostCounters> counters = nullptr);
   ~SocketFlow() override;
 
   // NEAppProxyTCPFlow.
@@ -43,6 +47,9 @@ class SocketFlow : public NEAppProxyTCPFlow,
 
   // The socket back, for a flow the provider did not take; absent once the flow was opened.
   std::optional<UniqueFd> takeSocket();
+  // Ends the flow at once, as a stopping host does: the client's connection is reset, and the
+  // pending read and writes fail, so whatever carries the flow lets go of it.
+  void abort();
 
   void onIoEvent(std::uint32_t tag, std::uint32_t events) override;
 
@@ -54,7 +61,8 @@ class SocketFlow : public NEAppProxyTCPFlow,
   };
 
   SocketFlow(std::shared_ptr<HostLoop> loop, UniqueFd socket, NWHostEndpoint remote,
-             NEFlowMetaData metaData, std::shared_ptr<DispatchQueue> framework);
+             NEFlowMetaData metaData, std::shared_ptr<DispatchQueue> framework,
+             std::shared_ptr<HostCounters> counters);
 
   // Each returns the completions to post once the lock is released.
   void tryReadLockHeld(std::vector<Work>& out) TW_REQUIRES(mutex_);
@@ -69,6 +77,7 @@ class SocketFlow : public NEAppProxyTCPFlow,
   const NWHostEndpoint remote_;
   const NEFlowMetaData meta_data_;
   const std::shared_ptr<DispatchQueue> framework_;
+  const std::shared_ptr<HostCounters> counters_;  // may be empty
   Mutex mutex_;
   UniqueFd socket_ TW_GUARDED_BY(mutex_);
   std::uint64_t loop_id_ TW_GUARDED_BY(mutex_) = 0;  // 0 until opened
