@@ -161,20 +161,21 @@ void ProxyHost::stop() {
     provider_->stopProxy(NEProviderStopReason::UserInitiated, [&stopped] { stopped.set_value(); });
     stopped.get_future().wait_for(kStartTimeout);
   }
-  removeRules();
   // The loops stop first, so closing the listeners races with no event handler.
   for (const Lane& lane : lanes_) lane.loop->stop();
   for (const Lane& lane : lanes_) {
     if (lane.intake) lane.intake->close();
   }
   if (control_) control_->close();
-  endTakenFlows();
+  // Ended while the redirect still stands: a client's connection is known by the address it
+  // dialled, and only the rules' translation lets the reset reach it.
+  const std::size_t ended = taken_->abortAll();
+  removeRules();
+  if (ended > 0) awaitTakenFlowsReleased(ended);
 }
 
 // The flows' own queues still run: each carrier hears its flow fail and lets go of it.
-void ProxyHost::endTakenFlows() {
-  const std::size_t ended = taken_->abortAll();
-  if (ended == 0) return;
+void ProxyHost::awaitTakenFlowsReleased(std::size_t ended) {
   hostLog().info("host: ended %ld flows still carried", ended);
   const auto deadline = std::chrono::steady_clock::now() + kReleaseTimeout;
   while (taken_->liveCount() > 0 && std::chrono::steady_clock::now() < deadline) {

@@ -52,9 +52,9 @@ class ProxyHost : public NETunnelHost, public std::enable_shared_from_this<Proxy
   // On failure returns one line saying why, with everything undone (no table, no listener, no
   // socket file).
   std::optional<std::string> start(std::optional<Json> startOptions);
-  // Stops the provider, removes the table, closes the listeners and the control socket, then
-  // ends the flows the provider still carries and waits a little for it to let go of them.
-  // Idempotent.
+  // Stops the provider, closes the listeners and the control socket, ends the flows the provider
+  // still carries, removes the table and waits a little for the provider to let go of the
+  // flows. Idempotent.
   void stop();
 
   void applyTunnelNetworkSettings(std::shared_ptr<const NETransparentProxyNetworkSettings> settings,
@@ -74,7 +74,7 @@ class ProxyHost : public NETunnelHost, public std::enable_shared_from_this<Proxy
   std::optional<std::string> listenOnce();
   std::optional<NEError> installRules(const NETransparentProxyNetworkSettings& settings);
   void removeRules();
-  void endTakenFlows();
+  void awaitTakenFlowsReleased(std::size_t ended);
 
   // What the host runs on one lane: its event loop, the intake that accepts that lane's share of
   // the redirected connections, and the carrier of the flows handed back there.

@@ -1,8 +1,9 @@
-// The interceptor as a citizen of its host: a third-party front door, and what it leaves behind
-// when it is killed.
+// The interceptor as a citizen of its host: a third-party front door, what it tells an operator,
+// how it stops with connections open, and what it leaves behind when it is killed.
 
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 
 #include "EndToEnd.h"
 
@@ -39,6 +40,54 @@ TEST_F(EndToEndTest, KilledInterceptorLeavesNoRules) {
   EXPECT_TRUE(eventually([&] { return !tableExists(); }, 2s));
   const auto run = runClient({});
   EXPECT_EQ(run.status, 0) << run.output;
+}
+
+// The status command shows the watch set, the circuit and what was carried since the start.
+TEST_F(EndToEndTest, StatusShowsWhatTheInterceptorDid) {
+  ASSERT_NO_FATAL_FAILURE(startFrontDoor());
+  ASSERT_NO_FATAL_FAILURE(startInterceptor());
+  ASSERT_EQ(runClient({.bytes = 5000}).status, 0);
+  // Handed back: this one, and the front door's own dial (it sets no mark here).
+  ASSERT_EQ(runClient({.bytes = 700, .watched = false}).status, 0);
+  ASSERT_TRUE(awaitEvents("relay.close", 1));
+  Json status;
+  const auto settled = [&] {
+    std::string output;
+    inAgent(proxyext() + " status --control-socket " + file("control.sock"), &output);
+    status = Json::parse(output, nullptr, /*allow_exceptions=*/false);
+    return status.is_object() && status.value("relays", -1) == 0;
+  };
+  ASSERT_TRUE(eventually(settled)) << status.dump();
+  std::cout << "status: " << status.dump() << "\n";
+  const Json expected = {
+      {"selection", "all"}, {"candidates", nullptr},        {"watchedSigningIDs", 2},
+      {"watchedPIDs", 0},   {"circuit", "closed"},          {"relayed", 1},
+      {"handedBack", 2},    {"failedOpen", Json::object()}, {"udpFlowsReported", 0},
+      {"unplaced", 0},      {"bytesFromAgents", 5000},      {"bytesToAgents", 5000}};
+  for (const auto& [key, value] : expected.items()) EXPECT_EQ(status[key], value) << key;
+}
+
+// Stopped while watched programs hold connections open, the interceptor ends them, so each
+// program sees its connection reset instead of waiting on it, and exits 0 promptly.
+TEST_F(EndToEndTest, StopWithLiveRelaysEndsThemAndExitsPromptly) {
+  ASSERT_NO_FATAL_FAILURE(startFrontDoor());
+  ASSERT_NO_FATAL_FAILURE(startInterceptor());
+  std::vector<std::unique_ptr<Process>> clients;
+  for (int i = 0; i < 3; ++i) clients.push_back(spawn({.mode = "hold", .bytes = 1000}));
+  for (auto& client : clients) {
+    ASSERT_TRUE(eventually([&] { return client->output().find("all back") != std::string::npos; }))
+        << client->output();
+  }
+  const auto stopping = std::chrono::steady_clock::now();
+  interceptor_->signal(SIGTERM);
+  EXPECT_EQ(interceptor_->wait(5s), 0) << interceptor_->output();
+  EXPECT_LT(std::chrono::steady_clock::now() - stopping, 5s);
+  for (auto& client : clients) {
+    EXPECT_EQ(client->wait(5s), 1) << client->output();
+    EXPECT_NE(client->output().find("recv: Connection reset"), std::string::npos)
+        << client->output();
+  }
+  EXPECT_TRUE(eventually([&] { return !tableExists(); }, 2s));
 }
 
 }  // namespace

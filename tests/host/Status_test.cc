@@ -1,0 +1,86 @@
+// The counts a status query reports, as the provider's events feed them: each event goes on to
+// the daemon untouched, and only the kinds that stand for a relayed, failed-open or reported UDP
+// flow count.
+
+#include <gtest/gtest.h>
+
+#include "host/status/CountingDaemonChannel.h"
+#include "host/status/ProviderStatus.h"
+
+namespace tarnwick::host {
+namespace {
+
+struct RecordingChannel : DaemonChannel {
+  void adoptPath(std::string path, bool real) override { adopted = {std::move(path), real}; }
+  void send(Json event) override { events.push_back(std::move(event)); }
+  void recordCommittedSeverIfUnhealthy() override { ++severs; }
+
+  std::pair<std::string, bool> adopted;
+  std::vector<Json> events;
+  int severs = 0;
+};
+
+TEST(CountingDaemonChannelTest, CountsRelayEventsAndPassesEveryEventOn) {
+  auto inner = std::make_shared<RecordingChannel>();
+  auto counters = std::make_shared<HostCounters>();
+  CountingDaemonChannel channel(inner, counters);
+  const std::vector<Json> events = {
+      {{"kind", "relay.open"}, {"pid", 7}},
+      {{"kind", "relay.open"}},
+      {{"kind", "relay.failopen"}, {"reason", "no-ack"}},
+      {{"kind", "relay.failopen"}, {"reason", "passthrough_dial"}},
+      {{"kind", "relay.failopen"}, {"reason", "passthrough_dial_spliced"}},
+      {{"kind", "relay.failopen"}, {"reason", "no-ack"}},
+      {{"kind", "relay.failopen"}, {"reason", 5}},
+      {{"kind", "relay.failopen"}},
+      {{"kind", "quic.deny"}, {"pid", 7}},
+      {{"kind", "relay.close"}},
+      {{"kind", "proxyext.alive"}},
+      {{"kind", 3}},
+      Json::object(),
+      Json::array()};
+  for (const Json& event : events) channel.send(event);
+  channel.adoptPath("/run/tarnwick/ne.sock", true);
+  channel.recordCommittedSeverIfUnhealthy();
+  EXPECT_EQ(inner->events, events);
+  EXPECT_EQ(inner->adopted, (std::pair<std::string, bool>{"/run/tarnwick/ne.sock", true}));
+  EXPECT_EQ(inner->severs, 1);
+  counters->countHandedBack();
+  counters->countUnplaced();
+  counters->countBytesFromAgent(10);
+  counters->countBytesToAgent(20);
+  EXPECT_EQ(counters->snapshot(),
+            (Json{{"relayed", 2},
+                  {"handedBack", 1},
+                  {"failedOpen",
+                   {{"no-ack", 2}, {"passthrough_dial", 1}, {"passthrough_dial_spliced", 1}}},
+                  {"udpFlowsReported", 1},
+                  {"unplaced", 1},
+                  {"bytesFromAgents", 10},
+                  {"bytesToAgents", 20}}));
+}
+
+// A flood of made-up reasons cannot grow the table without bound; known ones still count.
+TEST(CountingDaemonChannelTest, KeepsTheReasonTableBounded) {
+  HostCounters counters;
+  counters.countFailedOpen("no-ack");
+  for (int i = 0; i < 1000; ++i) counters.countFailedOpen("reason-" + std::to_string(i));
+  counters.countFailedOpen("no-ack");
+  const Json failedOpen = counters.snapshot()["failedOpen"];
+  EXPECT_EQ(failedOpen.size(), 64u);
+  EXPECT_EQ(failedOpen["no-ack"], 2);
+}
+
+TEST(ProviderStatusTest, NamesTheCircuitState) {
+  const std::pair<FrontDoorCircuitState, const char*> cases[] = {
+      {FrontDoorCircuitState::closed(), "closed"},
+      {FrontDoorCircuitState::open(WallTime{}), "open"},
+      {FrontDoorCircuitState::halfOpen(), "half-open"}};
+  for (const auto& [state, text] : cases) {
+    EXPECT_EQ(describeProviderStatus({3, 1, state}),
+              (Json{{"watchedSigningIDs", 3}, {"watchedPIDs", 1}, {"circuit", text}}));
+  }
+}
+
+}  // namespace
+}  // namespace tarnwick::host
