@@ -5,6 +5,7 @@
 #   make bench  micro-benchmarks
 #   make fuzz   every fuzzer for FUZZ_SECONDS each
 #   make bench-macro  end-to-end throughput, latency, CPU and memory table (root)
+#   make install  the binaries, the systemd unit and an example options file (PREFIX, DESTDIR)
 
 SHELL := /bin/bash
 SUDO := $(shell [ "$$(id -u)" -eq 0 ] || echo sudo)
@@ -18,10 +19,18 @@ PACKAGES := g++ clang libclang-rt-14-dev cmake ninja-build pkg-config \
   libgtest-dev libgmock-dev libbenchmark-dev libasio-dev nlohmann-json3-dev \
   libnftables-dev nftables iproute2 procps curl openssl python3 tinyproxy redsocks
 
+# Where `make install` puts things; DESTDIR is prepended to every path, for packaging.
+PREFIX ?= /usr/local
+BINDIR ?= $(PREFIX)/bin
+SYSCONFDIR ?= /etc
+UNITDIR ?= $(PREFIX)/lib/systemd/system
+DATADIR ?= $(PREFIX)/share/tarnwick-proxyext
+
 CONFIGURE = cmake -S . -G Ninja -DTARNWICK_WERROR=$(WERROR)
 CTEST = ctest --output-on-failure -j $(JOBS) --timeout 300
 
-.PHONY: deps build test test-normal asan-build test-asan tsan bench bench-macro fuzz demo clean
+.PHONY: deps build test test-normal asan-build test-asan tsan bench bench-macro fuzz demo install \
+  clean
 
 deps:
 	@missing=$$(for p in $(PACKAGES); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null \
@@ -80,6 +89,18 @@ demo: build
 # Needs root: private network namespaces, nftables. One run, one table.
 bench-macro: build
 	$(SUDO) BUILD=build bench/macro/run.sh
+
+# The unit names the installed paths; an options file already in place is never replaced.
+install: build
+	install -d $(DESTDIR)$(BINDIR) $(DESTDIR)$(UNITDIR) $(DESTDIR)$(DATADIR)
+	install -m 0755 build/src/cli/tarnwick-proxyext build/tools/frontdoor/tarnwick-frontdoor \
+	  build/tools/daemon/tarnwick-daemon $(DESTDIR)$(BINDIR)/
+	sed -e 's|/usr/local/bin/|$(BINDIR)/|' -e 's|/etc/tarnwick-proxyext/|$(SYSCONFDIR)/tarnwick-proxyext/|' \
+	  packaging/tarnwick-proxyext.service >$(DESTDIR)$(UNITDIR)/tarnwick-proxyext.service
+	chmod 0644 $(DESTDIR)$(UNITDIR)/tarnwick-proxyext.service
+	install -m 0644 packaging/options.example.json $(DESTDIR)$(DATADIR)/
+	[ -e $(DESTDIR)$(SYSCONFDIR)/tarnwick-proxyext/options.json ] || install -D -m 0644 \
+	  packaging/options.example.json $(DESTDIR)$(SYSCONFDIR)/tarnwick-proxyext/options.json
 
 clean:
 	rm -rf build build-asan build-tsan
