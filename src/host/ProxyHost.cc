@@ -213,7 +213,9 @@ std::optional<NEError> ProxyHost::installRules(const NETransparentProxyNetworkSe
     // A second set of settings replaces the first: the old table goes in the same transaction.
     const std::string script =
         (table_installed_ ? nftDeleteScript(options_.settings.tableName) : "") + *ruleset.script;
-    if (!table_.run(script, error)) return NEError{EPERM, "nftables: " + error};
+    if (!table_.run(script, error)) {
+      return NEError{EPERM, "cannot install the nftables rules: " + error};
+    }
     table_installed_ = true;
   }
   applied_ = std::make_shared<NETransparentProxyNetworkSettings>(settings);

@@ -135,6 +135,15 @@ TEST_F(ControlSocketTest, WhatIsAtThePathDecides) {
   EXPECT_NE(error.find("its directory does not exist"), std::string::npos) << error;
 }
 
+// A host that takes the connection and never answers is reported, not waited on for ever.
+TEST_F(ControlSocketTest, TheClientGivesUpOnAHostThatNeverAnswers) {
+  std::string error;
+  const UniqueFd stuck = bindControlSocket(path_, std::nullopt, error);
+  ASSERT_TRUE(stuck) << error;
+  EXPECT_FALSE(sendControlRequest(path_, ControlOperation::Status, {}, error, 50ms));
+  EXPECT_EQ(error, "control socket " + path_ + ": no reply in time (waited 50 ms)");
+}
+
 // Replies to watch sets as the provider gives them, and records what reached it.
 struct RecordingProvider : PassThroughProvider {
   void handleAppMessage(Bytes message, AppMessageCompletion completion) override {
