@@ -88,13 +88,6 @@ std::optional<ProcessStat> readStatIn(const UniqueFd& directory) {
   return parseProcessStat(*line);
 }
 
-// Whether `path` names the very file the process runs (its "exe" link leads to `executable`).
-bool namesTheRunningFile(const std::string& path, const struct stat& executable) {
-  struct stat named {};
-  return ::stat(path.c_str(), &named) == 0 && named.st_dev == executable.st_dev &&
-         named.st_ino == executable.st_ino;
-}
-
 std::optional<std::string> readExecutableIn(const UniqueFd& directory) {
   if (!directory) return std::nullopt;
   std::array<char, 4096> link;
@@ -102,10 +95,11 @@ std::optional<std::string> readExecutableIn(const UniqueFd& directory) {
   if (n <= 0 || static_cast<std::size_t>(n) >= link.size()) return std::nullopt;
   std::string path(link.data(), static_cast<std::size_t>(n));
   // A program whose file was deleted, or replaced by an upgrade, is still the program started
-  // from that path; the kernel only marks the name. A file really named so is left as it is.
+  // from that path; the kernel only marks the name. A file really named so still has a link.
+  // (Only the running file is looked at: a path a program chose is never looked up.)
   struct stat executable {};
   if (path.ends_with(kDeletedMark) && ::fstatat(directory.get(), "exe", &executable, 0) == 0 &&
-      !namesTheRunningFile(path, executable)) {
+      executable.st_nlink == 0) {
     path.resize(path.size() - kDeletedMark.size());
   }
   return toValidUTF8(path);

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include "host/status/CountingDaemonChannel.h"
-#include "host/status/ProviderStatus.h"
 
 namespace tarnwick::host {
 namespace {
@@ -69,17 +68,6 @@ TEST(CountingDaemonChannelTest, KeepsTheReasonTableBounded) {
   const Json failedOpen = counters.snapshot()["failedOpen"];
   EXPECT_EQ(failedOpen.size(), 64u);
   EXPECT_EQ(failedOpen["no-ack"], 2);
-}
-
-TEST(ProviderStatusTest, NamesTheCircuitState) {
-  const std::pair<FrontDoorCircuitState, const char*> cases[] = {
-      {FrontDoorCircuitState::closed(), "closed"},
-      {FrontDoorCircuitState::open(WallTime{}), "open"},
-      {FrontDoorCircuitState::halfOpen(), "half-open"}};
-  for (const auto& [state, text] : cases) {
-    EXPECT_EQ(describeProviderStatus({3, 1, state}),
-              (Json{{"watchedSigningIDs", 3}, {"watchedPIDs", 1}, {"circuit", text}}));
-  }
 }
 
 }  // namespace
