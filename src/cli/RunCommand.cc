@@ -9,10 +9,10 @@
 #include <regex>
 
 #include "cli/Command.h"
-#include "platform/OptionReader.h"
 #include "host/HostLog.h"
 #include "host/ProxyHost.h"
 #include "host/StartOptionsFile.h"
+#include "platform/OptionReader.h"
 #include "provider/TransparentProxyProvider.h"
 
 namespace tarnwick::cli {
@@ -26,17 +26,22 @@ struct RunArguments {
 
 constexpr const char* kRunUsage =
     "usage: tarnwick-proxyext run --options FILE [--listen-port N] [--mark N]\n"
-    "                             [--control-socket PATH] [--table NAME]\n\n"
+    "                             [--control-socket PATH] [--table NAME]\n"
+    "                             [--private-ipv4 NETWORKS]\n\n"
     "Intercepts outbound TCP as the provider's network rules say, until SIGINT or SIGTERM.\n"
     "Needs root. Start-up failures print one line and exit with status 2.\n\n"
     "  --options FILE         start options, a JSON object: frontDoorPort, frontDoorHost,\n"
     "                         watchedSigningIDs, watchedPIDs, socketPath, providerConfiguration\n"
     "  --listen-port N        port of the loopback listeners (127.0.0.1 and ::1); default 15001\n"
-    "  --mark N               socket mark of the interceptor's own connections, decimal or 0x\n"
+    "  --mark N               mark bits of the interceptor's own connections, decimal or 0x\n"
     "                         hex, not 0; default 0x7477\n"
     "  --control-socket PATH  Unix socket for watch-set messages (mode 0600);\n"
     "                         default /run/tarnwick-proxyext.sock\n"
-    "  --table NAME           nftables table (family inet); default tarnwick_proxyext\n";
+    "  --table NAME           nftables table (family inet); default tarnwick_proxyext\n"
+    "  --private-ipv4 NETWORKS\n"
+    "                         IPv4 networks whose destinations are never intercepted,\n"
+    "                         comma-separated, or none; default\n"
+    "                         10.0.0.0/8,172.16.0.0/12,192.168.0.0/16\n";
 
 int usageError(const std::string& message) {
   std::fprintf(stderr, "tarnwick-proxyext run: %s\n", message.c_str());
@@ -67,6 +72,10 @@ void readOption(OptionReader& reader, const std::string& name, RunArguments& out
     out.settings.socketMark = static_cast<std::uint32_t>(*mark);
   } else if (name == "--control-socket") {
     out.settings.controlSocketPath = *value;
+  } else if (name == "--private-ipv4") {
+    const auto networks = host::parseIPv4Networks(*value);
+    if (!networks) return reader.fail("--private-ipv4 takes IPv4 networks (a.b.c.d/N,...) or none");
+    out.settings.privateIPv4Networks = *networks;
   } else if (name == "--table") {
     if (!validTableName(*value)) return reader.fail("--table takes letters, digits and _");
     out.settings.tableName = *value;

@@ -1,9 +1,13 @@
 #pragma once
 // What the host itself needs besides the provider's start options: where it listens, the mark
-// that keeps its own connections out of the redirect, the control socket and the table's name.
+// that keeps its own connections out of the redirect, the control socket, the table's name and
+// the private networks it leaves alone.
 
 #include <cstdint>
 #include <string>
+#include <vector>
+
+#include "host/HostNetworkRules.h"
 
 namespace tarnwick::host {
 
@@ -14,9 +18,12 @@ struct HostSettings {
   static constexpr const char* kDefaultTableName = "tarnwick_proxyext";
 
   std::uint16_t listenPort = kDefaultListenPort;
+  // Bits set on the host's own sockets. A socket carrying all of them is never redirected,
+  // whatever other bits other software has set beside them.
   std::uint32_t socketMark = kDefaultSocketMark;
   std::string controlSocketPath = kDefaultControlSocketPath;
   std::string tableName = kDefaultTableName;
+  std::vector<IPv4Network> privateIPv4Networks = defaultPrivateIPv4Networks();
 };
 
 }  // namespace tarnwick::host

@@ -101,8 +101,7 @@ std::optional<std::string> ProxyHost::listenOn(Lane& lane, std::uint16_t port) {
       options_.installRules ? std::optional(options_.settings.socketMark) : std::nullopt);
   lane.intake = FlowIntake::create(
       {lane.loop, runtimeOr(options_.runtime), lane.carrier, provider_,
-       options_.destinationOf ? options_.destinationOf
-                              : FlowIntake::DestinationLookup(originalDestination),
+       options_.originalOf ? options_.originalOf : FlowIntake::TupleLookup(redirectedTuple),
        options_.identify ? options_.identify : realIdentification(lane.loop, walker_)});
   std::string error;
   if (!lane.intake->listen(port, error)) return error;
@@ -136,8 +135,9 @@ void ProxyHost::applyTunnelNetworkSettings(
 }
 
 std::optional<NEError> ProxyHost::installRules(const NETransparentProxyNetworkSettings& settings) {
-  const auto ruleset = nftScriptFor(
-      settings, {options_.settings.tableName, options_.settings.socketMark, listenPort()});
+  const auto ruleset =
+      nftScriptFor(hostNetworkRules(settings, options_.settings.privateIPv4Networks),
+                   {options_.settings.tableName, options_.settings.socketMark, listenPort()});
   if (!ruleset.script) return NEError{EINVAL, "network rules: " + ruleset.error};
   MutexLock lock(mutex_);
   if (options_.installRules) {

@@ -14,6 +14,7 @@
 // lane. The flows' completions: each flow's framework queue, made on that lane.
 
 #include <array>
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -23,6 +24,7 @@
 #include "host/HostLoop.h"
 #include "host/handback/HandBackCarrier.h"
 #include "host/owner/FlowIdentifier.h"
+#include "host/redirect/ConntrackTuples.h"
 #include "platform/Dispatch.h"
 #include "platform/NetworkExtension.h"
 #include "platform/posix/SocketAddress.h"
@@ -32,8 +34,10 @@ namespace tarnwick::host {
 
 class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowIntake> {
  public:
-  // The destination a connection of the given address family was redirected from.
-  using DestinationLookup = std::function<std::optional<SocketAddress>(int fd, int family)>;
+  // The connection `fd` as its client made it, before the redirect, from the listener's address
+  // and the client's as the listener sees them; absent when it was not redirected.
+  using TupleLookup = std::function<std::optional<OriginalTuple>(int fd, const SocketAddress& local,
+                                                                 const SocketAddress& peer)>;
   // Hands the metadata of the process behind a connection to `then`, on the loop's lane: at
   // once, or later when the process must be searched for off the lane. Called on the lane.
   using Identified = std::function<void(NEFlowMetaData)>;
@@ -45,7 +49,7 @@ class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowInt
     std::shared_ptr<Runtime> runtime;  // makes each flow's framework queue
     std::shared_ptr<HandBackCarrier> carrier;
     std::shared_ptr<NETransparentProxyProvider> provider;
-    DestinationLookup destinationOf;  // the kernel's original destination
+    TupleLookup originalOf;  // the kernel's record of the redirect
     Identify identify;
   };
 
@@ -61,6 +65,8 @@ class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowInt
   std::uint16_t port() const { return port_; }
   // Stops accepting; flows already offered live on.
   void close();
+  // Connections whose process could not be found (each was logged, then offered without one).
+  std::uint64_t unplacedCount() const { return unplaced_.load(std::memory_order_relaxed); }
 
   void onIoEvent(std::uint32_t tag, std::uint32_t events) override;
 
@@ -68,13 +74,11 @@ class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowInt
   explicit FlowIntake(Parts parts);
   struct Accepted {
     UniqueFd client;
-    SocketAddress peer;
-    SocketAddress destination;
+    OriginalTuple tuple;
   };
 
   void acceptFrom(std::size_t index);
-  void identifyAndOffer(UniqueFd client, const SocketAddress& peer,
-                        const SocketAddress& destination);
+  void identifyAndOffer(UniqueFd client, const OriginalTuple& tuple);
   void offer(UniqueFd client, const SocketAddress& destination, NEFlowMetaData metaData);
   // Out of descriptors: accept with the spare one and drop the connection, so the listener's
   // readiness does not spin the loop.
@@ -85,6 +89,7 @@ class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowInt
   UniqueFd spare_;
   std::uint64_t loop_id_ = 0;
   std::uint16_t port_ = 0;
+  std::atomic<std::uint64_t> unplaced_{0};
 };
 
 // The identification every real host uses: sock_diag, /proc and the process's metadata. What
