@@ -27,7 +27,7 @@ struct RunArguments {
 constexpr const char* kRunUsage =
     "usage: tarnwick-proxyext run --options FILE [--listen-port N] [--mark N]\n"
     "                             [--control-socket PATH] [--table NAME]\n"
-    "                             [--private-ipv4 NETWORKS]\n\n"
+    "                             [--private-ipv4 NETWORKS] [--connect-timeout S]\n\n"
     "Intercepts outbound TCP as the provider's network rules say, until SIGINT or SIGTERM.\n"
     "Needs root. Start-up failures print one line and exit with status 2.\n\n"
     "  --options FILE         start options, a JSON object: frontDoorPort, frontDoorHost,\n"
@@ -41,7 +41,9 @@ constexpr const char* kRunUsage =
     "  --private-ipv4 NETWORKS\n"
     "                         IPv4 networks whose destinations are never intercepted,\n"
     "                         comma-separated, or none; default\n"
-    "                         10.0.0.0/8,172.16.0.0/12,192.168.0.0/16\n";
+    "                         10.0.0.0/8,172.16.0.0/12,192.168.0.0/16\n"
+    "  --connect-timeout S    seconds a connection the interceptor carries directly may wait\n"
+    "                         for its destination to answer, 1 to 600; default 20\n";
 
 int usageError(const std::string& message) {
   std::fprintf(stderr, "tarnwick-proxyext run: %s\n", message.c_str());
@@ -76,6 +78,11 @@ void readOption(OptionReader& reader, const std::string& name, RunArguments& out
     const auto networks = host::parseIPv4Networks(*value);
     if (!networks) return reader.fail("--private-ipv4 takes IPv4 networks (a.b.c.d/N,...) or none");
     out.settings.privateIPv4Networks = *networks;
+  } else if (name == "--connect-timeout") {
+    const auto seconds = parseUnsigned(*value, 600);
+    if (!seconds || *seconds == 0)
+      return reader.fail("--connect-timeout takes seconds from 1 to 600");
+    out.settings.handBackConnectTimeout = std::chrono::seconds(*seconds);
   } else if (name == "--table") {
     if (!validTableName(*value)) return reader.fail("--table takes letters, digits and _");
     out.settings.tableName = *value;

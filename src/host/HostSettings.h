@@ -3,6 +3,7 @@
 // that keeps its own connections out of the redirect, the control socket, the table's name and
 // the private networks it leaves alone.
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -24,6 +25,8 @@ struct HostSettings {
   std::string controlSocketPath = kDefaultControlSocketPath;
   std::string tableName = kDefaultTableName;
   std::vector<IPv4Network> privateIPv4Networks = defaultPrivateIPv4Networks();
+  // How long the dial of a handed-back connection may wait for its destination to answer.
+  std::chrono::milliseconds handBackConnectTimeout{20000};
 };
 
 }  // namespace tarnwick::host

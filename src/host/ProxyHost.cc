@@ -98,7 +98,9 @@ std::optional<std::string> ProxyHost::listenControl() {
 std::optional<std::string> ProxyHost::listenOn(Lane& lane, std::uint16_t port) {
   lane.carrier = std::make_shared<HandBackCarrier>(
       lane.loop,
-      options_.installRules ? std::optional(options_.settings.socketMark) : std::nullopt);
+      HandBackRelay::DialOptions{
+          options_.installRules ? std::optional(options_.settings.socketMark) : std::nullopt,
+          options_.settings.handBackConnectTimeout});
   lane.intake = FlowIntake::create(
       {lane.loop, runtimeOr(options_.runtime), lane.carrier, provider_,
        options_.originalOf ? options_.originalOf : FlowIntake::TupleLookup(redirectedTuple),

@@ -231,6 +231,24 @@ TEST_F(RootInterceptionTest, ASourcePortReusedTowardsOtherDestinationsIsStillPla
   EXPECT_EQ(command->errors().find("no process found"), std::string::npos) << command->errors();
 }
 
+// A destination that never answers (its SYNs are dropped) resets the client once the connect
+// timeout has passed, not after the kernel's two minutes of retries.
+TEST_F(RootInterceptionTest, AHandedBackDialToASilentDestinationGivesUpAtTheConnectTimeout) {
+  shell("ip netns exec " + ns_ + " nft add table ip twsilent && ip netns exec " + ns_ +
+        " nft 'add chain ip twsilent out { type filter hook output priority 0; }' && " +
+        "ip netns exec " + ns_ + " nft add rule ip twsilent out ip daddr 198.18.0.99 drop");
+  shell("ip -n " + ns_ + " route add 198.18.0.99/32 dev tw0");
+  auto command = run(base_, "--connect-timeout 1");
+  ASSERT_TRUE(ready()) << command->errors();
+  inside([] {
+    const auto started = std::chrono::steady_clock::now();
+    TestClient client(loopbackAddress("198.18.0.99", 9));
+    EXPECT_EQ(client.readToEnd(), "");
+    EXPECT_EQ(client.error(), ECONNRESET);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(4));
+  });
+}
+
 TEST_F(RootInterceptionTest, AKilledRunLeavesNoTableAndABusyPortFailsInOneLine) {
   auto first = run(base_);
   ASSERT_TRUE(ready()) << first->errors();
