@@ -17,7 +17,7 @@ WERROR := $(if $(CI),ON,OFF)
 # install runs with services held back (policy-rc.d) so that neither starts on the host.
 PACKAGES := g++ clang libclang-rt-14-dev cmake ninja-build pkg-config \
   libgtest-dev libgmock-dev libbenchmark-dev libasio-dev nlohmann-json3-dev \
-  libnftables-dev nftables iproute2 procps curl openssl python3 tinyproxy redsocks
+  libnftables-dev libnetfilter-conntrack-dev libmnl-dev nftables iproute2 procps curl openssl python3 tinyproxy redsocks
 
 # Where `make install` puts things; DESTDIR is prepended to every path, for packaging.
 PREFIX ?= /usr/local

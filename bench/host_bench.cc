@@ -88,7 +88,7 @@ class Path {
   UniqueFd listener_ = listenOnLoopback();
   std::shared_ptr<HostLoop> loop_ = std::make_shared<HostLoop>();
   std::shared_ptr<HandBackCarrier> carrier_ =
-      std::make_shared<HandBackCarrier>(loop_, std::nullopt);
+      std::make_shared<HandBackCarrier>(loop_, HandBackRelay::DialOptions{});
 };
 
 // 64 MiB per connection; state.range(0): 0 direct, 1 handed back.

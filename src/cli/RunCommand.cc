@@ -35,7 +35,7 @@ struct RunArguments {
 constexpr const char* kRunUsage =
     "usage: tarnwick-proxyext run --options FILE [--listen-port N] [--mark N]\n"
     "                             [--control-socket PATH] [--control-group GROUP] [--table NAME]\n"
-    "\n"
+    "                             [--private-ipv4 NETWORKS] [--connect-timeout S]\n\n"
     "Intercepts outbound TCP as the provider's network rules say, until SIGINT or SIGTERM.\n"
     "Needs root. Start-up failures print one line and exit with status 2.\n\n"
     "  --options FILE         start options, a JSON object with the keys frontDoorPort (1 to\n"
@@ -44,12 +44,18 @@ constexpr const char* kRunUsage =
     "                         providerConfiguration; any other key is an error\n"
     "  --listen-port N        port of the loopback listeners (127.0.0.1 and ::1), 1 to 65535;\n"
     "                         default: one the system picks, which no program can take first\n"
-    "  --mark N               socket mark of the interceptor's own connections, decimal or 0x\n"
+    "  --mark N               mark bits of the interceptor's own connections, decimal or 0x\n"
     "                         hex, not 0; default 0x7477\n"
     "  --control-socket PATH  Unix socket for watch sets and status queries (mode 0600);\n"
     "                         default /run/tarnwick-proxyext/control.sock\n"
     "  --control-group GROUP  members of GROUP may use the control socket too (mode 0660)\n"
-    "  --table NAME           nftables table (family inet); default tarnwick_proxyext\n";
+    "  --table NAME           nftables table (family inet); default tarnwick_proxyext\n"
+    "  --private-ipv4 NETWORKS\n"
+    "                         IPv4 networks whose destinations are never intercepted,\n"
+    "                         comma-separated, or none; default\n"
+    "                         10.0.0.0/8,172.16.0.0/12,192.168.0.0/16\n"
+    "  --connect-timeout S    seconds a connection the interceptor carries directly may wait\n"
+    "                         for its destination to answer, 1 to 600; default 20\n";
 
 int usageError(const std::string& message) {
   std::fprintf(stderr, "tarnwick-proxyext run: %s\n", message.c_str());
@@ -86,6 +92,15 @@ void readOption(OptionReader& reader, const std::string& name, RunArguments& out
     std::string error;
     out.settings.controlGroup = host::lookUpGroup(*value, error);
     if (!out.settings.controlGroup) return reader.fail("--control-group: " + error);
+  } else if (name == "--private-ipv4") {
+    const auto networks = host::parseIPv4Networks(*value);
+    if (!networks) return reader.fail("--private-ipv4 takes IPv4 networks (a.b.c.d/N,...) or none");
+    out.settings.privateIPv4Networks = *networks;
+  } else if (name == "--connect-timeout") {
+    const auto seconds = parseUnsigned(*value, 600);
+    if (!seconds || *seconds == 0)
+      return reader.fail("--connect-timeout takes seconds from 1 to 600");
+    out.settings.handBackConnectTimeout = std::chrono::seconds(*seconds);
   } else if (name == "--table") {
     if (!validTableName(*value)) return reader.fail("--table takes letters, digits and _");
     out.settings.tableName = *value;

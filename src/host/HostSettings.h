@@ -1,13 +1,17 @@
 #pragma once
 // What the host itself needs besides the provider's start options: where it listens, the mark
-// that keeps its own connections out of the redirect, the control socket and who may use it, and
-// the table's name.
+// that keeps its own connections out of the redirect, the control socket and who may use it, the
+// table's name and the private networks it leaves alone.
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
+
+#include "host/HostNetworkRules.h"
 
 namespace tarnwick::host {
 
@@ -20,11 +24,16 @@ struct HostSettings {
   static constexpr const char* kDefaultTableName = "tarnwick_proxyext";
 
   std::uint16_t listenPort = kDefaultListenPort;
+  // Bits set on the host's own sockets. A socket carrying all of them is never redirected,
+  // whatever other bits other software has set beside them.
   std::uint32_t socketMark = kDefaultSocketMark;
   std::string controlSocketPath = kDefaultControlSocketPath;
   // Besides root, the members of this group may use the control socket.
   std::optional<gid_t> controlGroup;
   std::string tableName = kDefaultTableName;
+  std::vector<IPv4Network> privateIPv4Networks = defaultPrivateIPv4Networks();
+  // How long the dial of a handed-back connection may wait for its destination to answer.
+  std::chrono::milliseconds handBackConnectTimeout{20000};
 };
 
 }  // namespace tarnwick::host

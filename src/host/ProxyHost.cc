@@ -143,11 +143,12 @@ std::optional<std::string> ProxyHost::listenControl() {
 std::optional<std::string> ProxyHost::listenOn(Lane& lane, std::uint16_t port) {
   lane.carrier = std::make_shared<HandBackCarrier>(
       lane.loop,
-      options_.installRules ? std::optional(options_.settings.socketMark) : std::nullopt);
+      HandBackRelay::DialOptions{
+          options_.installRules ? std::optional(options_.settings.socketMark) : std::nullopt,
+          options_.settings.handBackConnectTimeout});
   lane.intake = FlowIntake::create(
       {lane.loop, runtime_, lane.carrier, provider_,
-       options_.destinationOf ? options_.destinationOf
-                              : FlowIntake::DestinationLookup(originalDestination),
+       options_.originalOf ? options_.originalOf : FlowIntake::TupleLookup(redirectedTuple),
        options_.identify ? options_.identify : realIdentification(lane.loop, walker_), counters_,
        taken_, ipv6_});
   std::string error;
@@ -204,8 +205,9 @@ void ProxyHost::applyTunnelNetworkSettings(
 }
 
 std::optional<NEError> ProxyHost::installRules(const NETransparentProxyNetworkSettings& settings) {
-  const auto ruleset = nftScriptFor(
-      settings, {options_.settings.tableName, options_.settings.socketMark, listenPort()});
+  const auto ruleset =
+      nftScriptFor(hostNetworkRules(settings, options_.settings.privateIPv4Networks),
+                   {options_.settings.tableName, options_.settings.socketMark, listenPort()});
   if (!ruleset.script) return NEError{EINVAL, "network rules: " + ruleset.error};
   MutexLock lock(mutex_);
   if (options_.installRules) {

@@ -34,10 +34,10 @@ class ProxyHost : public NETunnelHost, public std::enable_shared_from_this<Proxy
     // Off only in tests without privileges: the settings are recorded, no table is made, and
     // the host's sockets carry no mark.
     bool installRules = true;
-    FlowIntake::DestinationLookup destinationOf;  // empty: the kernel's original destination
-    FlowIntake::Identify identify;                // empty: the real identification
-    std::shared_ptr<Runtime> runtime;             // empty: the real runtime
-    std::shared_ptr<HostCounters> counters;       // empty: counters of the host's own
+    FlowIntake::TupleLookup originalOf;      // empty: the kernel's record of the redirect
+    FlowIntake::Identify identify;           // empty: the real identification
+    std::shared_ptr<Runtime> runtime;        // empty: the real runtime
+    std::shared_ptr<HostCounters> counters;  // empty: counters of the host's own
     // The provider's part of the status object; empty: those keys are null.
     std::function<Json()> providerStatus;
     ControlServer::Limits controlLimits;

@@ -109,6 +109,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Case{"RunUnknownGroup", "run --options x --control-group tw-no-such", 2},
                       Case{"RunMarkNotANumber", "run --options x --mark 0xzz", 2},
                       Case{"RunTableWithBlank", "run --options x --table 'a b'", 2},
+                      Case{"RunPrivateNotANetwork", "run --options x --private-ipv4 10.0.0.1/8", 2},
                       Case{"RunMissingOptions", "run --options /nonexistent/options.json", 2},
                       Case{"RunMalformedOptions", "run", 2, R"({"frontDoorPort":1,})"},
                       Case{"RunOptionsNotAnObject", "run", 2, "[1]"},
@@ -216,7 +217,56 @@ TEST_F(RootInterceptionTest, RunCarriesUnwatchedTrafficAndCleansUpOnSigterm) {
                 ns_);
   EXPECT_EQ(watch.exitStatus(), 0) << watch.errors();
   EXPECT_EQ(command->exitStatus(SIGTERM), 0) << command->errors();
+  EXPECT_EQ(command->errors().find("no process found"), std::string::npos) << command->errors();
   EXPECT_EQ(tables(), "");
+}
+
+// One source port reused towards one destination after another, while the earlier connections
+// still sit in connection tracking: NAT gives the later ones other source ports on their way to
+// the listener, and the host still finds each one's process (no line saying it could not) and
+// carries it.
+TEST_F(RootInterceptionTest, ASourcePortReusedTowardsOtherDestinationsIsStillPlaced) {
+  auto command = run(base_);
+  ASSERT_TRUE(ready()) << command->errors();
+  inside([] {
+    for (std::uint16_t port = 8080; port < 8084; ++port) {
+      std::string error;
+      UniqueFd server = bindTcpSocket(loopbackAddress("198.18.0.1", port), error);
+      ASSERT_TRUE(server && ::listen(server.get(), 4) == 0 &&
+                  ::fcntl(server.get(), F_SETFL, 0) == 0);
+      UniqueFd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+      const int on = 1;
+      ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+      const SocketAddress source = loopbackAddress("198.18.0.1", 40123);
+      ASSERT_EQ(::bind(socket.get(), source.get(), source.length), 0) << port;
+      const SocketAddress destination = loopbackAddress("198.18.0.1", port);
+      ASSERT_EQ(::connect(socket.get(), destination.get(), destination.length), 0) << port;
+      TestClient client(std::move(socket));
+      TestClient accepted(UniqueFd(::accept4(server.get(), nullptr, nullptr, SOCK_CLOEXEC)));
+      EXPECT_EQ(passed(client, accepted, "hello"), "hello");
+      EXPECT_EQ(passed(accepted, client, "bye"), "bye");
+    }
+  });
+  EXPECT_EQ(command->exitStatus(SIGTERM), 0);
+  EXPECT_EQ(command->errors().find("no process found"), std::string::npos) << command->errors();
+}
+
+// A destination that never answers (its SYNs are dropped) resets the client once the connect
+// timeout has passed, not after the kernel's two minutes of retries.
+TEST_F(RootInterceptionTest, AHandedBackDialToASilentDestinationGivesUpAtTheConnectTimeout) {
+  shell("ip netns exec " + ns_ + " nft add table ip twsilent && ip netns exec " + ns_ +
+        " nft 'add chain ip twsilent out { type filter hook output priority 0; }' && " +
+        "ip netns exec " + ns_ + " nft add rule ip twsilent out ip daddr 198.18.0.99 drop");
+  shell("ip -n " + ns_ + " route add 198.18.0.99/32 dev tw0");
+  auto command = run(base_, "--connect-timeout 1");
+  ASSERT_TRUE(ready()) << command->errors();
+  inside([] {
+    const auto started = std::chrono::steady_clock::now();
+    TestClient client(loopbackAddress("198.18.0.99", 9));
+    EXPECT_EQ(client.readToEnd(), "");
+    EXPECT_EQ(client.error(), ECONNRESET);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(4));
+  });
 }
 
 // A second interceptor never takes over the first one's port or control socket, and says which

@@ -51,7 +51,7 @@ TEST(NftRulesetTest, RulesBecomeOneOwnedTable) {
             "  flags owner;\n"
             "  chain output {\n"
             "    type nat hook output priority -100; policy accept;\n"
-            "    meta mark 0x00007477 return\n"
+            "    meta mark & 0x00007477 == 0x00007477 return\n"
             "    meta l4proto tcp ip daddr 127.0.0.0/8 return\n"
             "    meta l4proto tcp ip6 daddr ::1/128 return\n"
             "    meta l4proto tcp ip6 daddr 2001:db8::/32 tcp dport 443 redirect to :15001\n"
@@ -150,8 +150,8 @@ class ProxyHostTest : public ::testing::Test {
     options.installRules = false;
     options.settings.listenPort = 0;
     options.settings.controlSocketPath = controlPath_;
-    options.destinationOf = [this](int fd, int family) {
-      return redirected_ ? destination_ : originalDestination(fd, family);
+    options.originalOf = [this](int, const SocketAddress&, const SocketAddress& peer) {
+      return redirected_ ? std::optional(OriginalTuple{peer, destination_}) : std::nullopt;
     };
     // The client's own address, as identification must look it up.
     options.identify = [](const SocketAddress& client, const SocketAddress& destination,
@@ -181,7 +181,7 @@ class ProxyHostTest : public ::testing::Test {
   const std::string controlPath_ =
       ::testing::TempDir() + "control-" + std::to_string(::getpid()) + ".sock";
   std::shared_ptr<TestProvider> provider_ = std::make_shared<TestProvider>();
-  std::optional<SocketAddress> destination_ = loopbackAddress("198.18.0.7", 443);
+  SocketAddress destination_ = loopbackAddress("198.18.0.7", 443);
   std::atomic<bool> redirected_{true};
   std::shared_ptr<ProxyHost> host_;
 };

@@ -2,8 +2,9 @@
 
 namespace tarnwick::host {
 
-HandBackCarrier::HandBackCarrier(std::shared_ptr<HostLoop> loop, std::optional<std::uint32_t> mark)
-    : loop_(std::move(loop)), mark_(mark) {}
+HandBackCarrier::HandBackCarrier(std::shared_ptr<HostLoop> loop,
+                                 HandBackRelay::DialOptions dialOptions)
+    : loop_(std::move(loop)), dial_options_(dialOptions) {}
 
 void HandBackCarrier::carry(UniqueFd client, const SocketAddress& destination) {
   if (loop_->isLoopThread()) return start(std::move(client), destination);
@@ -19,7 +20,7 @@ void HandBackCarrier::start(UniqueFd client, const SocketAddress& destination) {
                                      // The carrier owns every relay and outlives it.
                                      [this](std::uint64_t id) { relays_.erase(id); });
   relays_.emplace(relay->id(), relay);
-  relay->dial(destination, mark_);
+  relay->dial(destination, dial_options_);
 }
 
 }  // namespace tarnwick::host

@@ -16,7 +16,7 @@ namespace tarnwick::host {
 
 class HandBackCarrier : public std::enable_shared_from_this<HandBackCarrier> {
  public:
-  HandBackCarrier(std::shared_ptr<HostLoop> loop, std::optional<std::uint32_t> mark);
+  HandBackCarrier(std::shared_ptr<HostLoop> loop, HandBackRelay::DialOptions dialOptions);
 
   void carry(UniqueFd client, const SocketAddress& destination);
 
@@ -24,7 +24,7 @@ class HandBackCarrier : public std::enable_shared_from_this<HandBackCarrier> {
   void start(UniqueFd client, const SocketAddress& destination);
 
   const std::shared_ptr<HostLoop> loop_;
-  const std::optional<std::uint32_t> mark_;
+  const HandBackRelay::DialOptions dial_options_;
   PipePool pipes_;
   std::unordered_map<std::uint64_t, std::shared_ptr<HandBackRelay>> relays_;
 };

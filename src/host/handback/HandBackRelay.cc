@@ -34,8 +34,8 @@ HandBackRelay::HandBackRelay(std::shared_ptr<HostLoop> loop, PipePool& pipes, Un
 
 HandBackRelay::~HandBackRelay() { loop_->unregisterHandler(id_); }
 
-void HandBackRelay::dial(const SocketAddress& destination, std::optional<std::uint32_t> mark) {
-  DialStart start = startDial(destination, mark);
+void HandBackRelay::dial(const SocketAddress& destination, const DialOptions& options) {
+  DialStart start = startDial(destination, options.mark, options.connectTimeout);
   if (!start.fd) return finish(/*reset=*/true);
   destination_ = std::move(start.fd);
   setInterest(Destination, EPOLLOUT);
@@ -64,6 +64,7 @@ void HandBackRelay::onIoEvent(std::uint32_t tag, std::uint32_t events) {
 void HandBackRelay::onConnected() {
   if (connectError(destination_.get()) != 0) return finish(/*reset=*/true);
   connecting_ = false;
+  keepConnectedForever(destination_.get());
   setNoDelay(destination_.get());
   // The client may already have sent its request; it waits in the socket for this first pump.
   if (!pump(upstream_)) return;

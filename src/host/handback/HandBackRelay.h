@@ -6,6 +6,7 @@
 // client would have seen without the host in between.
 // Loop thread only; owned by the HandBackCarrier, told to it through `finished`.
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -28,8 +29,16 @@ class HandBackRelay : public IoHandler, public std::enable_shared_from_this<Hand
   ~HandBackRelay() override;
 
   std::uint64_t id() const { return id_; }
-  // Dials the destination, the socket marked when a mark is given.
-  void dial(const SocketAddress& destination, std::optional<std::uint32_t> mark);
+  // How the host dials a handed-back connection's destination.
+  struct DialOptions {
+    std::optional<std::uint32_t> mark;  // set on the socket when given
+    // A destination that does not answer resets the client after this long, as the client's own
+    // connect would have failed, instead of after the kernel's two minutes of SYN retries.
+    std::chrono::milliseconds connectTimeout{20000};
+  };
+
+  // Dials the destination.
+  void dial(const SocketAddress& destination, const DialOptions& options);
   void onIoEvent(std::uint32_t tag, std::uint32_t events) override;
 
  private:

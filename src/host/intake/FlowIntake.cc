@@ -100,7 +100,6 @@ void FlowIntake::onIoEvent(std::uint32_t tag, std::uint32_t) {
 // follows, so a burst of connections is taken off the listener's queue at once.
 void FlowIntake::acceptFrom(std::size_t index) {
   const int listener = listeners_[index].get();
-  const int family = index == 0 ? AF_INET : AF_INET6;
   const auto self = literalAddress(kLoopbacks[index], port_);
   std::vector<Accepted> accepted;
   for (;;) {
@@ -110,27 +109,27 @@ void FlowIntake::acceptFrom(std::size_t index) {
                               SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (client) {
       // A connection made to the listener itself has itself as its destination.
-      auto destination = parts_.destinationOf(client.get(), family);
-      if (!destination || sameSocketAddress(*destination, *self)) {
+      auto tuple = parts_.originalOf(client.get(), *self, peer);
+      if (!tuple || sameSocketAddress(tuple->destination, *self)) {
         hostLog().error(
             "intake: connection to the listener itself or without a destination — closed");
         parts_.counters->countUnplaced();
         continue;
       }
-      accepted.push_back({std::move(client), peer, *destination});
+      accepted.push_back({std::move(client), *tuple});
       continue;
     }
     if (errno == EINTR || errno == ECONNABORTED) continue;
     if (errno == EMFILE || errno == ENFILE) shedOne(listener);
     break;
   }
-  for (Accepted& one : accepted) identifyAndOffer(std::move(one.client), one.peer, one.destination);
+  for (Accepted& one : accepted) identifyAndOffer(std::move(one.client), one.tuple);
 }
 
-void FlowIntake::identifyAndOffer(UniqueFd client, const SocketAddress& peer,
-                                  const SocketAddress& destination) {
+void FlowIntake::identifyAndOffer(UniqueFd client, const OriginalTuple& tuple) {
   auto held = std::make_shared<UniqueFd>(std::move(client));
-  parts_.identify(peer, destination,
+  const SocketAddress& destination = tuple.destination;
+  parts_.identify(tuple.client, destination,
                   [weak = weak_from_this(), held, destination](NEFlowMetaData metaData) {
                     if (auto self = weak.lock()) {
                       self->offer(std::move(*held), destination, std::move(metaData));
@@ -139,6 +138,14 @@ void FlowIntake::identifyAndOffer(UniqueFd client, const SocketAddress& peer,
 }
 
 void FlowIntake::offer(UniqueFd client, const SocketAddress& destination, NEFlowMetaData metaData) {
+  // Without its process the provider cannot tell whether the flow is watched; it will hand it
+  // back, and that must not go unnoticed.
+  if (!metaData.sourceAppAuditToken) {
+    parts_.counters->countUnplaced();
+    hostLog().error(
+        "intake: no process found for a connection to %{public}s — handed back uninspected",
+        formatAddress(destination));
+  }
   auto queue = parts_.runtime->makeQueue("dev.fernquill.tarnwick.host.flow",
                                          QualityOfService::UserInitiated);
   auto flow = SocketFlow::create(parts_.loop, std::move(client), hostEndpointOf(destination),

@@ -26,6 +26,7 @@
 #include "host/handback/HandBackCarrier.h"
 #include "host/intake/TakenFlows.h"
 #include "host/owner/FlowIdentifier.h"
+#include "host/redirect/ConntrackTuples.h"
 #include "host/status/HostCounters.h"
 #include "platform/Dispatch.h"
 #include "platform/NetworkExtension.h"
@@ -36,8 +37,10 @@ namespace tarnwick::host {
 
 class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowIntake> {
  public:
-  // The destination a connection of the given address family was redirected from.
-  using DestinationLookup = std::function<std::optional<SocketAddress>(int fd, int family)>;
+  // The connection `fd` as its client made it, before the redirect, from the listener's address
+  // and the client's as the listener sees them; absent when it was not redirected.
+  using TupleLookup = std::function<std::optional<OriginalTuple>(int fd, const SocketAddress& local,
+                                                                 const SocketAddress& peer)>;
   // Hands the metadata of the process behind a connection to `then`, on the loop's lane: at
   // once, or later when the process must be searched for off the lane. Called on the lane.
   using Identified = std::function<void(NEFlowMetaData)>;
@@ -49,7 +52,7 @@ class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowInt
     std::shared_ptr<Runtime> runtime;  // makes each flow's framework queue
     std::shared_ptr<HandBackCarrier> carrier;
     std::shared_ptr<NETransparentProxyProvider> provider;
-    DestinationLookup destinationOf;  // the kernel's original destination
+    TupleLookup originalOf;  // the kernel's record of the redirect
     Identify identify;
     std::shared_ptr<HostCounters> counters;
     std::shared_ptr<TakenFlows> taken;
@@ -78,13 +81,11 @@ class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowInt
   explicit FlowIntake(Parts parts);
   struct Accepted {
     UniqueFd client;
-    SocketAddress peer;
-    SocketAddress destination;
+    OriginalTuple tuple;
   };
 
   void acceptFrom(std::size_t index);
-  void identifyAndOffer(UniqueFd client, const SocketAddress& peer,
-                        const SocketAddress& destination);
+  void identifyAndOffer(UniqueFd client, const OriginalTuple& tuple);
   void offer(UniqueFd client, const SocketAddress& destination, NEFlowMetaData metaData);
   // Out of descriptors: accept with the spare one and drop the connection, so the listener's
   // readiness does not spin the loop.

@@ -77,7 +77,8 @@ std::string hex(std::uint32_t value) {
 
 NftRulesetResult nftScriptFor(const NETransparentProxyNetworkSettings& settings,
                               const NftRuleTarget& target) {
-  std::vector<std::string> rules{"meta mark " + hex(target.socketMark) + " return"};
+  const std::string mark = hex(target.socketMark);
+  std::vector<std::string> rules{"meta mark & " + mark + " == " + mark + " return"};
   std::string error;
   for (const auto& rule : settings.excludedNetworkRules) {
     if (!appliesToOutput(rule) || rule.protocol == NENetworkRuleProtocol::UDP) continue;

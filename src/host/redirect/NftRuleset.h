@@ -1,8 +1,9 @@
 #pragma once
 // Turns the provider's network settings into the text of one nftables transaction: a table of
 // family inet owned by this process (the kernel drops it when the process ends, however it
-// ends), with an output nat chain that lets the host's own marked connections and the excluded
-// networks pass and redirects the included TCP to the host's listener.
+// ends), with an output nat chain that lets the host's own marked connections (all the mark's bits
+// set, other bits free) and the excluded networks pass and redirects the included TCP to the host's
+// listener.
 
 #include <cstdint>
 #include <optional>

@@ -29,6 +29,15 @@ std::optional<SocketAddress> originalDestination(int fd, int family) {
   return destinationOption(fd, SOL_IP, SO_ORIGINAL_DST);
 }
 
+std::optional<OriginalTuple> redirectedTuple(int fd, const SocketAddress& local,
+                                             const SocketAddress& peer) {
+  thread_local ConntrackTuples conntrack;
+  if (auto tuple = conntrack.originalOf(local, peer)) return tuple;
+  const auto destination = originalDestination(fd, local.family());
+  if (!destination) return std::nullopt;
+  return OriginalTuple{peer, *destination};
+}
+
 NWHostEndpoint hostEndpointOf(const SocketAddress& address) {
   char text[INET6_ADDRSTRLEN] = {};
   if (address.family() == AF_INET) {

@@ -36,7 +36,8 @@ UniqueFd bindTcpSocket(const SocketAddress& address, std::string& error, PortSha
   return fd;
 }
 
-DialStart startDial(const SocketAddress& address, std::optional<std::uint32_t> mark) {
+DialStart startDial(const SocketAddress& address, std::optional<std::uint32_t> mark,
+                    std::chrono::milliseconds connectTimeout) {
   DialStart start{openTcpSocket(address.family()), 0};
   if (!start.fd) {
     start.error = errno;
@@ -47,11 +48,20 @@ DialStart startDial(const SocketAddress& address, std::optional<std::uint32_t> m
     start.fd.reset();
     return start;
   }
+  if (connectTimeout.count() > 0) {
+    const unsigned timeout = static_cast<unsigned>(connectTimeout.count());
+    ::setsockopt(start.fd.get(), IPPROTO_TCP, TCP_USER_TIMEOUT, &timeout, sizeof timeout);
+  }
   if (::connect(start.fd.get(), address.get(), address.length) != 0 && errno != EINPROGRESS) {
     start.error = errno;
     start.fd.reset();
   }
   return start;
+}
+
+void keepConnectedForever(int fd) {
+  const unsigned none = 0;
+  ::setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &none, sizeof none);
 }
 
 int connectError(int fd) {

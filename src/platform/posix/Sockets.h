@@ -2,6 +2,7 @@
 // The few socket operations the front door needs, all on non-blocking, close-on-exec TCP
 // sockets. Failures come back as errno values, never as exceptions.
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -26,8 +27,13 @@ struct DialStart {
   UniqueFd fd;
   int error = 0;
 };
-// With a mark, the socket carries it (SO_MARK) before it connects, or the dial fails.
-DialStart startDial(const SocketAddress& address, std::optional<std::uint32_t> mark = std::nullopt);
+// With a mark, the socket carries it (SO_MARK) before it connects, or the dial fails. With a
+// connect timeout, a destination that never answers fails the connect with ETIMEDOUT after it
+// (TCP_USER_TIMEOUT; clear it with keepConnectedForever() once connected, or a stalled transfer
+// would later be cut after as long).
+DialStart startDial(const SocketAddress& address, std::optional<std::uint32_t> mark = std::nullopt,
+                    std::chrono::milliseconds connectTimeout = {});
+void keepConnectedForever(int fd);
 
 // The outcome of a finished non-blocking connect: 0 or an errno value.
 int connectError(int fd);
