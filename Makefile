@@ -16,7 +16,8 @@ WERROR := $(if $(CI),ON,OFF)
 # install runs with services held back (policy-rc.d) so that neither starts on the host.
 PACKAGES := g++ clang libclang-rt-14-dev cmake ninja-build pkg-config \
   libgtest-dev libgmock-dev libbenchmark-dev libasio-dev nlohmann-json3-dev \
-  libnftables-dev nftables iproute2 procps curl openssl python3 tinyproxy redsocks
+  libnftables-dev nftables iproute2 procps curl openssl python3 tinyproxy redsocks \
+  llvm libbpf-dev bpftool liburing-dev
 
 CONFIGURE = cmake -S . -G Ninja -DTARNWICK_WERROR=$(WERROR)
 CTEST = ctest --output-on-failure -j $(JOBS) --timeout 300

@@ -1,6 +1,7 @@
 #include "platform/ProcessTable.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -104,9 +105,9 @@ std::optional<ProcessCredentials> readCredentialsIn(const UniqueFd& directory) {
   const auto realGID = parseDecimal<std::uint32_t>(wordAt(gids, 0));
   const auto effectiveGID = parseDecimal<std::uint32_t>(wordAt(gids, 1));
   if (!realUID || !effectiveUID || !realGID || !effectiveGID) return std::nullopt;
-  return ProcessCredentials{readIDFile(directory, "loginuid"), *effectiveUID, *effectiveGID,
-                            *realUID,   *realGID,
-                            readIDFile(directory, "sessionid")};
+  return ProcessCredentials{
+      readIDFile(directory, "loginuid"), *effectiveUID, *effectiveGID, *realUID, *realGID,
+      readIDFile(directory, "sessionid")};
 }
 
 }  // namespace
@@ -146,6 +147,14 @@ std::optional<ProcessSnapshot> ProcessDirectory::snapshot() const {
 }
 
 std::optional<std::string> ProcessDirectory::executable() const { return readExecutableIn(fd_); }
+
+std::optional<ProcessStat> ProcessDirectory::stat() const { return readStatIn(fd_); }
+
+std::optional<FileIdentity> ProcessDirectory::executableFile() const {
+  struct stat file {};
+  if (!fd_ || ::fstatat(fd_.get(), "exe", &file, 0) != 0) return std::nullopt;
+  return FileIdentity{file.st_dev, file.st_ino};
+}
 
 std::optional<ProcessSnapshot> readProcessSnapshot(std::int64_t pid) {
   return ProcessDirectory::open(pid).snapshot();
