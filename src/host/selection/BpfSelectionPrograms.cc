@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -131,13 +132,21 @@ class BpfSelectionPrograms final : public SelectionPrograms {
     }
   }
   void retainWatchedExecutables(const ExecutableKeySet& keys) override {
-    std::vector<tw_exe_key> gone;
-    tw_exe_key key{};
-    for (const void* previous = nullptr; bpf_map_get_next_key(watchedFd(), previous, &key) == 0;
-         previous = &key) {
-      if (!keys.contains({key.device, key.inode})) gone.push_back(key);
+    retainKeys<tw_exe_key>(watchedFd(), [&](const tw_exe_key& key) {
+      return keys.contains({key.device, key.inode});
+    });
+  }
+  void addWatchedPIDs(const std::unordered_set<std::int64_t>& pids) override {
+    const __u8 present = 1;
+    for (const std::int64_t pid : pids) {
+      // A PID no process can have (0, negative, beyond 32 bits) never matches anyway.
+      if (pid <= 0 || pid > INT32_MAX) continue;
+      const auto key = static_cast<__u32>(pid);
+      bpf_map_update_elem(watchedPidsFd(), &key, &present, BPF_ANY);
     }
-    for (const tw_exe_key& old : gone) bpf_map_delete_elem(watchedFd(), &old);
+  }
+  void retainWatchedPIDs(const std::unordered_set<std::int64_t>& pids) override {
+    retainKeys<__u32>(watchedPidsFd(), [&](__u32 pid) { return pids.contains(pid); });
   }
 
   bool addExcluded(const IpPrefix& prefix) override {
@@ -197,7 +206,20 @@ class BpfSelectionPrograms final : public SelectionPrograms {
     return true;
   }
 
+  // Deletes every key of map `fd` that `keep` refuses.
+  template <typename Key, typename Keep>
+  static void retainKeys(int fd, const Keep& keep) {
+    std::vector<Key> gone;
+    Key key{};
+    for (const void* previous = nullptr; bpf_map_get_next_key(fd, previous, &key) == 0;
+         previous = &key) {
+      if (!keep(key)) gone.push_back(key);
+    }
+    for (const Key& old : gone) bpf_map_delete_elem(fd, &old);
+  }
+
   int candidatesFd() const { return bpf_map__fd(skeleton_->maps.candidates); }
+  int watchedPidsFd() const { return bpf_map__fd(skeleton_->maps.watched_pids); }
   int watchedFd() const { return bpf_map__fd(skeleton_->maps.watched_exes); }
 
   selection_bpf* const skeleton_;

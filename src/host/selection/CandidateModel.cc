@@ -26,7 +26,7 @@ void CandidateModel::onExit(std::int64_t pid) { entries_.erase(pid); }
 std::uint32_t CandidateModel::effectiveFlags(const ProcessNode& process) const {
   const auto entry = find(process.pid);
   const std::uint32_t stored = entry && entry->startTime == process.startTime ? entry->flags : 0;
-  return tw_effective_flags(stored, runsWatched(process));
+  return tw_effective_flags(stored, runsWatched(process), watched_pids_.contains(process.pid));
 }
 
 std::optional<CandidateEntry> CandidateModel::find(std::int64_t pid) const {
@@ -49,6 +49,14 @@ void CandidateModel::addWatchedExecutables(const ExecutableKeySet& keys) {
 
 void CandidateModel::retainWatchedExecutables(const ExecutableKeySet& keys) {
   std::erase_if(watched_, [&](const ExecutableKey& key) { return !keys.contains(key); });
+}
+
+void CandidateModel::addWatchedPIDs(const std::unordered_set<std::int64_t>& pids) {
+  watched_pids_.insert(pids.begin(), pids.end());
+}
+
+void CandidateModel::retainWatchedPIDs(const std::unordered_set<std::int64_t>& pids) {
+  std::erase_if(watched_pids_, [&](std::int64_t pid) { return !pids.contains(pid); });
 }
 
 bool CandidateModel::runsWatched(const ProcessNode& process) const {

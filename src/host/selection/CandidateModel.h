@@ -33,12 +33,15 @@ class CandidateModel : public CandidateStore {
   std::vector<std::pair<std::int64_t, CandidateEntry>> entries() const override;
   void addWatchedExecutables(const ExecutableKeySet& keys) override;
   void retainWatchedExecutables(const ExecutableKeySet& keys) override;
+  void addWatchedPIDs(const std::unordered_set<std::int64_t>& pids) override;
+  void retainWatchedPIDs(const std::unordered_set<std::int64_t>& pids) override;
 
  private:
   bool runsWatched(const ProcessNode& process) const;
 
   std::unordered_map<std::int64_t, CandidateEntry> entries_;
   ExecutableKeySet watched_;
+  std::unordered_set<std::int64_t> watched_pids_;
 };
 
 }  // namespace tarnwick::host

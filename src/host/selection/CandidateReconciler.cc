@@ -6,6 +6,7 @@ namespace tarnwick::host {
 
 int CandidateReconciler::add(const WatchTargets& targets) {
   store_.addWatchedExecutables(targets.executables);
+  store_.addWatchedPIDs(targets.pids);
   for (int pass = 1;; ++pass) {
     bool added = false;
     const ProcessTree tree = scan_();
@@ -25,6 +26,7 @@ int CandidateReconciler::add(const WatchTargets& targets) {
 
 void CandidateReconciler::prune(const WatchTargets& targets) {
   store_.retainWatchedExecutables(targets.executables);
+  store_.retainWatchedPIDs(targets.pids);
   const ProcessTree tree = scan_();
   for (const auto& [pid, entry] : store_.entries()) {
     const ProcessNode* node = tree.find(pid);
@@ -41,12 +43,8 @@ void CandidateReconciler::prune(const WatchTargets& targets) {
 
 std::uint32_t CandidateReconciler::flagsFor(const ProcessTree& tree, const ProcessNode& node,
                                             const WatchTargets& targets) const {
-  std::uint32_t flags = 0;
-  if (targets.pids.contains(node.pid)) flags |= TW_CANDIDATE_BY_PID;
-  if (tree.hasAncestorRunning(node.pid, targets.executables, max_depth_)) {
-    flags |= TW_CANDIDATE_INHERITED;
-  }
-  return flags;
+  return tree.hasAncestorRunning(node.pid, targets.executables, max_depth_) ? TW_CANDIDATE_INHERITED
+                                                                            : 0;
 }
 
 }  // namespace tarnwick::host

@@ -12,17 +12,19 @@
 #define TW_CANDIDATE_BY_EXE 0x1u
 /* Forked from a process that was a candidate by its executable or by inheritance. */
 #define TW_CANDIDATE_INHERITED 0x2u
-/* The PID is watched; stored by userspace for one start time, after checking it. */
+/* The PID is on the watch list. Checked live too, and for whatever process holds the PID: the
+ * provider trusts the first process it sees under a watched PID and tells a reused one by its
+ * own binding, which the kernel cannot know, so the kernel must not be the stricter. */
 #define TW_CANDIDATE_BY_PID 0x4u
 
-/* An exec keeps the PID, the start time and the ancestry, so it keeps the stored flags; only
- * the executable, which is checked live, changes. A watched PID stays watched across an exec:
- * whether the new program still passes the identity check is the provider's call. */
+/* An exec keeps the PID, the start time and the ancestry, so it keeps the stored flag; only the
+ * executable, which is checked live, changes. */
 
-/* What a process counts as: its stored flags, and whether its executable is watched now. */
-static inline __u32 tw_effective_flags(__u32 stored, int runs_watched_exe) {
-  return (stored & (TW_CANDIDATE_INHERITED | TW_CANDIDATE_BY_PID)) |
-         (runs_watched_exe ? TW_CANDIDATE_BY_EXE : 0u);
+/* What a process counts as: its stored flags, whether its executable is watched now and whether
+ * its PID is. */
+static inline __u32 tw_effective_flags(__u32 stored, int runs_watched_exe, int pid_watched) {
+  return (stored & TW_CANDIDATE_INHERITED) | (runs_watched_exe ? TW_CANDIDATE_BY_EXE : 0u) |
+         (pid_watched ? TW_CANDIDATE_BY_PID : 0u);
 }
 
 /* A child inherits from an ancestor that counts by its identity (its executable, or its own

@@ -1,11 +1,12 @@
 #pragma once
 // Where the candidate set lives: the kernel's maps, or the model that tests run the same
-// userspace procedure against. Candidates are kept per PID with the start time of the process
-// the entry was made for; the watched executables are kept beside them, since the kernel checks
-// what a process runs against them live.
+// userspace procedure against. Inherited candidates are kept per PID with the start time of the
+// process the entry was made for; the watched executables and PIDs are kept beside them, since
+// the kernel checks what a process runs and which PID it has against them live.
 
 #include <cstdint>
 #include <optional>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -32,6 +33,9 @@ class CandidateStore {
   virtual void addWatchedExecutables(const ExecutableKeySet& keys) = 0;
   // Drops every watched executable not in `keys`.
   virtual void retainWatchedExecutables(const ExecutableKeySet& keys) = 0;
+  virtual void addWatchedPIDs(const std::unordered_set<std::int64_t>& pids) = 0;
+  // Drops every watched PID not in `pids`.
+  virtual void retainWatchedPIDs(const std::unordered_set<std::int64_t>& pids) = 0;
 };
 
 }  // namespace tarnwick::host

@@ -106,6 +106,13 @@ struct {
 } watched_exes SEC(".maps");
 
 struct {
+  __uint(type, BPF_MAP_TYPE_HASH);
+  __uint(max_entries, 4096);
+  __type(key, __u32);
+  __type(value, __u8);
+} watched_pids SEC(".maps");
+
+struct {
   __uint(type, BPF_MAP_TYPE_LPM_TRIE);
   __uint(max_entries, 1024);
   __uint(map_flags, BPF_F_NO_PREALLOC);
@@ -161,16 +168,18 @@ static __always_inline int is_watched_exe(const struct tw_exe_key *key) {
   return key->inode != 0 && bpf_map_lookup_elem(&watched_exes, key) != 0;
 }
 
-/* The stored flags of `pid`, when its entry was made for the process started at `start`. */
-static __always_inline __u32 stored_flags(__u32 pid, __u64 start) {
+/* The stored flags of process `pid`, when its entry was made for `task`'s process and not for
+ * one that had the PID before. */
+static __always_inline __u32 stored_flags(struct task_struct *task, __u32 pid) {
   struct tw_candidate *entry = bpf_map_lookup_elem(&candidates, &pid);
-  return entry && entry->start_ticks == start ? entry->flags : 0;
+  return entry && entry->start_ticks == start_ticks_of(task) ? entry->flags : 0;
 }
 
 static __always_inline __u32 effective_flags_of(struct task_struct *task, struct tw_exe_key *exe) {
   const __u32 pid = BPF_CORE_READ(task, tgid);
   *exe = exe_of_file(BPF_CORE_READ(task, mm, exe_file));
-  return tw_effective_flags(stored_flags(pid, start_ticks_of(task)), is_watched_exe(exe));
+  return tw_effective_flags(stored_flags(task, pid), is_watched_exe(exe),
+                            bpf_map_lookup_elem(&watched_pids, &pid) != 0);
 }
 
 /* The calling process, when it is a candidate; 0 otherwise. The IDs are the thread-group
