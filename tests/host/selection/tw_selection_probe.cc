@@ -28,6 +28,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -51,13 +52,15 @@ void report(const std::string& line) {
   std::exit(1);
 }
 
-addrinfo* resolve(const std::string& host, const std::string& port, int type) {
+using Address = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
+
+Address resolve(const std::string& host, const std::string& port, int type) {
   addrinfo hints{};
   hints.ai_socktype = type;
   hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
   addrinfo* found = nullptr;
   if (getaddrinfo(host.c_str(), port.c_str(), &hints, &found) != 0) fail("bad address " + host);
-  return found;
+  return Address(found, &freeaddrinfo);
 }
 
 std::string peerOf(int fd) {
@@ -115,10 +118,13 @@ bool connectAs(const std::string& how, int fd, const addrinfo* to, bool& sent) {
 
 void tcp(const Args& args) {
   if (args.size() != 5) fail("usage: tcp HOW HOST PORT THEN");
-  addrinfo* to = resolve(args[2], args[3], SOCK_STREAM);
-  const int fd = socket(to->ai_family, SOCK_STREAM, 0);
   bool sent = false;
-  if (fd < 0 || !connectAs(args[1], fd, to, sent)) fail("connect");
+  int fd = -1;
+  {
+    const Address to = resolve(args[2], args[3], SOCK_STREAM);
+    fd = socket(to->ai_family, SOCK_STREAM, 0);
+    if (fd < 0 || !connectAs(args[1], fd, to.get(), sent)) fail("connect");
+  }
   report("peer=" + peerOf(fd));
   if (!sent && send(fd, "hi", 2, MSG_NOSIGNAL) != 2) fail("send");
   if (args[4] == "exit") std::exit(0);
@@ -129,7 +135,7 @@ void tcp(const Args& args) {
 
 void udp(const Args& args) {
   if (args.size() != 4) fail("usage: udp HOST PORT COUNT");
-  addrinfo* to = resolve(args[1], args[2], SOCK_DGRAM);
+  const Address to = resolve(args[1], args[2], SOCK_DGRAM);
   const int fd = socket(to->ai_family, SOCK_DGRAM, 0);
   int sent = 0, error = 0;
   for (int i = std::atoi(args[3].c_str()); i > 0; --i) {
