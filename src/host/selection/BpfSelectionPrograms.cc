@@ -184,7 +184,8 @@ class BpfSelectionPrograms final : public SelectionPrograms {
   SelectionCounters counters() const override {
     const auto* values = skeleton_->bss->counters;
     return {__atomic_load_n(&values[TW_COUNTER_EVENTS_DROPPED], __ATOMIC_RELAXED),
-            __atomic_load_n(&values[TW_COUNTER_RECORDS_FAILED], __ATOMIC_RELAXED)};
+            __atomic_load_n(&values[TW_COUNTER_RECORDS_FAILED], __ATOMIC_RELAXED),
+            __atomic_load_n(&values[TW_COUNTER_CANDIDATES_LOST], __ATOMIC_RELAXED)};
   }
 
  private:

@@ -126,17 +126,17 @@ NEFlowMetaData KernelSelection::metaDataFor(const SelectedProcess& process) cons
 }
 
 void KernelSelection::drainEvents(const UdpSocketHandler& onUdpSocket) {
-  bool watchedExecStarted = false;
+  bool childrenToAdd = false;
   programs_->drainEvents([&](const tw_event& event) {
     if (event.kind == TW_EVENT_UDP_SOCKET) {
       onUdpSocket({selectedProcessFrom(event.process), socketAddressFrom(event.destination)});
     } else if (event.kind == TW_EVENT_WATCHED_EXEC) {
-      watchedExecStarted = true;
+      childrenToAdd = childrenToAdd || mayHaveChildren(event.process.pid);
     }
   });
   // The new program's own connections are selected already; the children it forked before
   // the exec are found by one more pass over the running processes.
-  if (watchedExecStarted) reconciler_.add(targets());
+  if (childrenToAdd) reconciler_.add(targets());
 }
 
 void KernelSelection::drainInodeChanges() {

@@ -81,7 +81,8 @@ class KernelSelection {
 
   // Processes with a stored entry (those selected only by what they run are not counted).
   std::size_t candidateCount() const;
-  // Events the ring had no room for, and sockets whose record could not be made.
+  // What the kernel could not do: events the ring had no room for, sockets whose record could
+  // not be made, children of candidates the candidate map had no room for.
   SelectionCounters counters() const { return programs_->counters(); }
 
  private:

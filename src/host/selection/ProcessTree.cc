@@ -2,11 +2,20 @@
 
 #include <dirent.h>
 
+#include <fstream>
 #include <memory>
+#include <string>
 
 #include "platform/Text.h"
 
 namespace tarnwick::host {
+
+bool mayHaveChildren(std::int64_t pid) {
+  const std::string task = std::to_string(pid);
+  std::ifstream children("/proc/" + task + "/task/" + task + "/children");
+  // Kernels built without the children list give no answer.
+  return !children || children.peek() != std::ifstream::traits_type::eof();
+}
 
 ProcessTree ProcessTree::read() {
   ProcessTree tree;

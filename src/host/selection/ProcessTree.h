@@ -17,6 +17,10 @@ struct ProcessNode {
   std::optional<ExecutableKey> executable;  // absent for kernel threads and zombies
 };
 
+// False only when `pid` is known to have no child now. An exec leaves one thread, whose
+// children list then holds every child the process has.
+bool mayHaveChildren(std::int64_t pid);
+
 class ProcessTree {
  public:
   // Every process /proc shows now. Each is read through its own /proc directory, so a PID

@@ -30,8 +30,9 @@ struct SelectionSettings {
 };
 
 struct SelectionCounters {
-  std::uint64_t eventsDropped = 0;
-  std::uint64_t recordsFailed = 0;
+  std::uint64_t eventsDropped = 0;   // the event ring was full
+  std::uint64_t recordsFailed = 0;   // a socket's record could not be made or filed
+  std::uint64_t candidatesLost = 0;  // a child of a candidate found the candidate map full
 };
 
 class SelectionPrograms : public CandidateStore {

@@ -82,6 +82,7 @@ struct tw_prefix6 {
 /* Counters the loader reads, indexes into the counters array. */
 #define TW_COUNTER_EVENTS_DROPPED 0u
 #define TW_COUNTER_RECORDS_FAILED 1u
-#define TW_COUNTER_COUNT 2u
+#define TW_COUNTER_CANDIDATES_LOST 2u
+#define TW_COUNTER_COUNT 3u
 
 #endif

@@ -462,8 +462,8 @@ int BPF_PROG(tw_fork, struct task_struct *parent, struct task_struct *child) {
   struct tw_candidate *existing = bpf_map_lookup_elem(&candidates, &pid);
   if (existing && existing->start_ticks == entry.start_ticks) {
     __sync_fetch_and_or(&existing->flags, flags);
-  } else {
-    bpf_map_update_elem(&candidates, &pid, &entry, BPF_ANY);
+  } else if (bpf_map_update_elem(&candidates, &pid, &entry, BPF_ANY) != 0) {
+    count(TW_COUNTER_CANDIDATES_LOST); /* the map is full */
   }
   return 0;
 }
