@@ -46,7 +46,9 @@ class KernelSelection {
     std::uint16_t listenerPort = 0;
     // Destinations left alone (see excludedPrefixesOf). Loopback and link-local are always.
     std::vector<IpPrefix> excludedPrefixes;
-    // Refuse candidates' UDP to port 443 (EPERM), so QUIC clients fall back to TCP.
+    // Refuse candidates' UDP to port 443 (EPERM), so QUIC clients fall back to TCP. Candidates
+    // are a superset of what the provider accepts: a process it would not accept (a descendant
+    // reparented away from its watched ancestor) may be refused too.
     bool blockQuic = false;
     // The host's own process, never selected; 0 means the calling process.
     std::int64_t ownPID = 0;
@@ -79,7 +81,8 @@ class KernelSelection {
   int inodeWatchFd() const { return executables_.fd(); }
   void drainInodeChanges();
 
-  // Processes with a stored entry (those selected only by what they run are not counted).
+  // Processes with a stored entry: inherited candidates (those selected only by what they run
+  // or by their PID are not counted).
   std::size_t candidateCount() const;
   // What the kernel could not do: events the ring had no room for, sockets whose record could
   // not be made, children of candidates the candidate map had no room for.
