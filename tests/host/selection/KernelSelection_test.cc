@@ -171,6 +171,7 @@ TEST_P(RedirectTest, SendsACandidatesConnectionToTheListenerAndRecordsItsOrigin)
   EXPECT_EQ(bytes, "hi");
   EXPECT_EQ(formatAddress(record->destination), GetParam().recorded);
   EXPECT_EQ(record->process.pid, probe.pid());
+  EXPECT_EQ(record->process.startTime, readProcessStat(probe.pid())->startTime);
   EXPECT_EQ(record->process.flags, TW_CANDIDATE_BY_EXE);
   // The record names the process as the process table does while it runs.
   const NEFlowMetaData metaData = selection_->metaDataFor(record->process);
@@ -255,6 +256,9 @@ TEST_F(KernelSelectionTest, AChildInheritsEvenAfterRunningAnUnwatchedProgram) {
   EXPECT_EQ(record->process.pid, child);
   EXPECT_EQ(record->process.flags, TW_CANDIDATE_INHERITED);
   EXPECT_EQ(selection_->metaDataFor(record->process).sourceAppSigningIdentifier, plain_);
+  EXPECT_EQ(selection_->candidateCount(), 1u);
+  agent.endInput();  // the child ends, and takes its entry with it
+  EXPECT_TRUE(eventually([&] { return selection_->candidateCount() == 0; }));
 }
 
 TEST_F(KernelSelectionTest, StartingAWatchedProgramTakesInTheChildrenForkedBefore) {
