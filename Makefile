@@ -15,9 +15,13 @@ WERROR := $(if $(CI),ON,OFF)
 
 # tinyproxy and redsocks are front doors for tests and benchmarks inside private namespaces; the
 # install runs with services held back (policy-rc.d) so that neither starts on the host.
+# clang, llvm, libbpf-dev and bpftool build the kernel-side selection's BPF programs (the build
+# goes on without them, and selection then says it is unavailable); liburing-dev lets its tests
+# connect through io_uring.
 PACKAGES := g++ clang libclang-rt-14-dev cmake ninja-build pkg-config \
   libgtest-dev libgmock-dev libbenchmark-dev libasio-dev nlohmann-json3-dev \
-  libnftables-dev libnetfilter-conntrack-dev libmnl-dev nftables iproute2 procps curl openssl python3 tinyproxy redsocks
+  libnftables-dev libnetfilter-conntrack-dev libmnl-dev nftables iproute2 procps curl openssl \
+  python3 tinyproxy redsocks llvm libbpf-dev bpftool liburing-dev
 
 # Where `make install` puts things; DESTDIR is prepended to every path, for packaging.
 PREFIX ?= /usr/local

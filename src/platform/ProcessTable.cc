@@ -159,6 +159,14 @@ std::optional<ProcessSnapshot> ProcessDirectory::snapshot() const {
 
 std::optional<std::string> ProcessDirectory::executable() const { return readExecutableIn(fd_); }
 
+std::optional<ProcessStat> ProcessDirectory::stat() const { return readStatIn(fd_); }
+
+std::optional<FileIdentity> ProcessDirectory::executableFile() const {
+  struct stat file {};
+  if (!fd_ || ::fstatat(fd_.get(), "exe", &file, 0) != 0) return std::nullopt;
+  return FileIdentity{file.st_dev, file.st_ino};
+}
+
 std::optional<ProcessSnapshot> readProcessSnapshot(std::int64_t pid) {
   return ProcessDirectory::open(pid).snapshot();
 }

@@ -18,6 +18,12 @@ struct ProcessStat {
   std::uint64_t startTime;
 };
 
+// A file as stat() names it: the device (in the C library's encoding) and the inode.
+struct FileIdentity {
+  std::uint64_t device;
+  std::uint64_t inode;
+};
+
 struct ProcessCredentials {
   std::uint32_t auditUser;  // the login UID, 4294967295 when unset
   std::uint32_t effectiveUID;
@@ -58,6 +64,9 @@ class ProcessDirectory {
 
   bool valid() const { return fd_.valid(); }
   std::optional<ProcessSnapshot> snapshot() const;
+  std::optional<ProcessStat> stat() const;
+  // The file the process runs, even when its path has been removed or replaced since.
+  std::optional<FileIdentity> executableFile() const;
   // Absent once the process has gone (and for kernel threads and zombies).
   std::optional<std::string> executable() const;
 
