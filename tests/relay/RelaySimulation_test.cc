@@ -123,6 +123,7 @@ class Simulation {
     expect(ctx.retainedCount() == 0, "no session outlives its flow");
     expect(ctx.count("release") == ctx.count("retain"), "every retained session released once");
     expect(flow_->readClosed() && flow_->writeClosed(), "the flow is closed");
+    expect(flow_->rejected() == 0, "the flow is used as a socket-backed one allows");
     expect(ctx.count("circuit:failure") + ctx.count("circuit:success") <= 1, "one circuit outcome");
     for (const auto& c : h_.connections->made()) {
       expect(c->cancelled() || c->state() == NWConnectionState::Kind::Failed,

@@ -21,6 +21,7 @@ bool eventually(const std::function<bool()>& done) {
 struct RealRelay {
   explicit RealRelay(std::uint16_t frontDoorPort) {
     engine.setFrontDoor("127.0.0.1", frontDoorPort);
+    flow->open(std::nullopt, [](std::optional<NEError>) {});
     engine.relay(flow, RelayHarness::kTarget, 1, "", "");
   }
   // The n-th connection once the engine has started it: a state set before then would be lost.
@@ -36,7 +37,9 @@ struct RealRelay {
   std::shared_ptr<ScriptedConnectionFactory> connections =
       std::make_shared<ScriptedConnectionFactory>();
   std::shared_ptr<FakeRelayContext> context = std::make_shared<FakeRelayContext>();
-  RelayEngine engine{realRuntime(), connections, context};
+  RelayEngine engine{realRuntime(), connections, context, {},
+                     answeredProbes([] { return ProbeAnswer::Healthy; },
+                                    realRuntime()->makeQueue("probe peer", {}))};
   std::shared_ptr<ScriptedTCPFlow> flow = std::make_shared<ScriptedTCPFlow>(
       realRuntime()->makeQueue("framework", QualityOfService::Default, QueueKind::Blocking),
       NEFlowMetaData{}, std::nullopt);
@@ -71,10 +74,15 @@ TEST(RelayThreadsTest, FailoverKeepsTheAgentsByteOrderAcrossThreads) {
       return direct->sent() == sent && r.context->count("relay.failopen:passthrough_dial_spliced");
     })) << round;
     r.flow->agentEnds();
-    ASSERT_TRUE(eventually([&] { return r.context->trail().size() == 6; })) << round;
-    EXPECT_EQ(r.context->trail(),
-              (Trail{"retain", "circuit:failure", "relay.failopen:passthrough_dial",
-                     "relay.failopen:passthrough_dial_spliced", "relay.close", "release"}));
+    ASSERT_TRUE(eventually([&] { return direct->writeShutDown(); })) << round;
+    direct->deliverEnd();
+    ASSERT_TRUE(eventually([&] { return r.context->count("release") == 1; })) << round;
+    auto trail = r.context->trail();
+    // The probe answers while the failover runs.
+    std::erase(trail, "circuit:success");
+    EXPECT_EQ(trail, (Trail{"retain", "relay.failopen:passthrough_dial",
+                            "relay.failopen:passthrough_dial_spliced", "relay.close", "release"}));
+    EXPECT_EQ(r.context->count("circuit:success"), 1u);
   }
 }
 
