@@ -232,8 +232,10 @@ void RelaySession::deliverToAgent(std::shared_ptr<NWConnection> conn, Bytes byte
 }
 
 // Before the first response byte the front door may be failing: a failover replays the agent's
-// bytes to the destination. After it, a reset is carried to the agent and an end of stream is
-// passed on as a half-close.
+// bytes to the destination. Not so for an end that follows the agent's own: the front door passed
+// that on, and a destination that reads a request to its end and closes without a word is
+// answering; replaying the request would make it a second one. After the first response byte, a
+// reset is carried to the agent and an end of stream is passed on as a half-close.
 void RelaySession::onUpstreamEnded(const std::shared_ptr<NWConnection>& conn,
                                    const std::optional<NWError>& error) {
   enum class Next { Ignore, Failover, GiveUp, Cut, PassEnd, Finish } next;
@@ -242,6 +244,8 @@ void RelaySession::onUpstreamEnded(const std::shared_ptr<NWConnection>& conn,
     MutexLock lock(mutex_);
     if (phase_ != Phase::Relaying || conn != upstream_) {
       next = Next::Ignore;
+    } else if (!committed_ && !error && agentEnded_) {
+      next = Next::Finish;
     } else if (!committed_) {
       next = !failedOver_ && buffering_ ? Next::Failover : error ? Next::Cut : Next::GiveUp;
     } else {

@@ -58,7 +58,8 @@ TEST(FrontDoorAckTest, JudgesTheHeadWhateverTheChunking) {
       {"HTTP/1.1_200_OK\r\n\r\n220_mail_ready\r\n", good, "220 mail ready\r\n"},
       {"HTTP/1.1_200_OK\r\n\r\nbye|", {"retain", "circuit:success", "sever"}, "bye"},
       // An acknowledgement ended at once: the front door let the flow down before any answer.
-      {"HTTP/1.1_200_OK\r\n\r\n|", {"retain", "relay.failopen:passthrough_dial", "circuit:success"}},
+      {"HTTP/1.1_200_OK\r\n\r\n|",
+       {"retain", "relay.failopen:passthrough_dial", "circuit:success"}},
   };
   for (const auto& c : cases) {
     for (const bool byteByByte : {false, true}) {

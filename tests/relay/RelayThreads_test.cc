@@ -37,7 +37,10 @@ struct RealRelay {
   std::shared_ptr<ScriptedConnectionFactory> connections =
       std::make_shared<ScriptedConnectionFactory>();
   std::shared_ptr<FakeRelayContext> context = std::make_shared<FakeRelayContext>();
-  RelayEngine engine{realRuntime(), connections, context, {},
+  RelayEngine engine{realRuntime(),
+                     connections,
+                     context,
+                     {},
                      answeredProbes([] { return ProbeAnswer::Healthy; },
                                     realRuntime()->makeQueue("probe peer", {}))};
   std::shared_ptr<ScriptedTCPFlow> flow = std::make_shared<ScriptedTCPFlow>(
