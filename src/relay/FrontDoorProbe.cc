@@ -18,10 +18,11 @@ std::shared_ptr<FrontDoorProbe> FrontDoorProbe::create(
 FrontDoorProbe::FrontDoorProbe(std::shared_ptr<Runtime> runtime,
                                std::shared_ptr<NWConnectionFactory> connections,
                                std::weak_ptr<RelayContext> context, Seconds budget)
-    : connections_(std::move(connections)),
+    : runtime_(std::move(runtime)),
+      connections_(std::move(connections)),
       context_(std::move(context)),
       budget_(budget),
-      queue_(runtime->makeQueue(kQueueLabel, QualityOfService::UserInitiated)) {}
+      queue_(runtime_->makeQueue(kQueueLabel, QualityOfService::UserInitiated)) {}
 
 void FrontDoorProbe::setFrontDoor(std::string host, std::uint16_t port) {
   MutexLock lock(mutex_);
@@ -56,9 +57,10 @@ void FrontDoorProbe::probe() {
   std::string host;
   std::uint16_t rawPort;
   std::uint64_t generation;
+  const MonotonicTime now = runtime_->monotonicNow();
   {
     MutexLock lock(mutex_);
-    if (probing_) return;
+    if (probing_ || (healthyAt_ && now - *healthyAt_ < toDuration(budget_))) return;
     probing_ = true;
     generation = ++generation_;
     host = host_;
@@ -117,6 +119,7 @@ void FrontDoorProbe::settle(std::uint64_t generation, bool healthy, const std::s
     if (generation != generation_ || !probing_) return;
     probing_ = false;
     attempt = std::exchange(attempt_, nullptr);
+    if (healthy) healthyAt_ = runtime_->monotonicNow();
   }
   if (attempt) attempt->cancel();
   if (healthy) {

@@ -11,13 +11,16 @@
 // dialling anywhere. A well-formed status line within the budget means healthy (one success on
 // the circuit); a refusal, reset, end, garbage or silence means unhealthy (one failure). At most
 // one probe is in flight for the whole engine: suspicions that come while one runs are settled by
-// its answer, so a burst of failing flows costs one probe and counts once.
+// its answer, so a burst of failing flows costs one probe and counts once. A healthy answer also
+// settles suspicions for one probe budget after it, so flows failing one after another against
+// a live front door cost at most a probe a budget.
 //
 // Owned by the relay engine; its pending operations hold it weakly. Methods: any thread. The
 // probe's connection runs on a queue of its own. mutex_ is never held while calling out.
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "platform/Bytes.h"
@@ -65,6 +68,7 @@ class FrontDoorProbe : public std::enable_shared_from_this<FrontDoorProbe> {
   void settle(std::uint64_t generation, bool healthy, const std::string& why);
   void record(bool healthy);
 
+  const std::shared_ptr<Runtime> runtime_;
   const std::shared_ptr<NWConnectionFactory> connections_;
   const std::weak_ptr<RelayContext> context_;
   const Seconds budget_;
@@ -77,6 +81,8 @@ class FrontDoorProbe : public std::enable_shared_from_this<FrontDoorProbe> {
   bool probing_ TW_GUARDED_BY(mutex_) = false;
   std::shared_ptr<NWConnection> attempt_ TW_GUARDED_BY(mutex_);
   std::uint64_t generation_ TW_GUARDED_BY(mutex_) = 0;
+  // When a probe last found the front door healthy.
+  std::optional<MonotonicTime> healthyAt_ TW_GUARDED_BY(mutex_);
 };
 
 }  // namespace tarnwick

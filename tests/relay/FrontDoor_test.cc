@@ -79,6 +79,82 @@ TEST(FrontDoorAckTest, JudgesTheHeadWhateverTheChunking) {
   }
 }
 
+// The circuit breaker is about the front door. A watched program dialling refused, blackholed or
+// at-once-closing destinations as fast as it likes costs the circuit nothing; a front door that
+// refuses, resets, answers garbage or accepts and stays silent is charged one failure per flow,
+// or per probe when the flows come in a burst: one probe is in flight at a time.
+TEST(FrontDoorBlameTest, OnlyAFailingFrontDoorCountsAgainstTheCircuit) {
+  using Script = std::function<void(ScriptedConnection&)>;
+  const Bytes ack = bytesOf(RelayHarness::kAck);
+  const Script refusedDestination = [](ScriptedConnection& c) {
+    c.becomeReady(), c.deliver(bytesOf("HTTP/1.1 502 Bad Gateway\r\n\r\n"));
+  };
+  const Script accepts = [](ScriptedConnection& c) { c.becomeReady(); };
+  const Script closedAtOnce = [ack](ScriptedConnection& c) {
+    c.becomeReady(), c.deliver(ack, true);
+  };
+  const Script resetAtOnce = [ack](ScriptedConnection& c) {
+    c.becomeReady(), c.deliver(ack), c.deliver(std::nullopt, false, NWError::fromErrno(ECONNRESET));
+  };
+  const Script refuses = [](ScriptedConnection& c) { c.fail(ECONNREFUSED); };
+  const Script resetsBeforeAck = [](ScriptedConnection& c) {
+    c.becomeReady(), c.deliver(std::nullopt, false, NWError::fromErrno(ECONNRESET));
+  };
+  const Script garbage = [](ScriptedConnection& c) {
+    c.becomeReady(), c.deliver(bytesOf("SSH-2.0-OpenSSH_9.6\r\n\r\n"));
+  };
+  const struct {
+    const char* name;
+    Script frontDoor;
+    ProbeAnswer probe;
+    bool burst;
+    std::size_t failures;
+  } cases[] = {
+      {"refused destination", refusedDestination, ProbeAnswer::Healthy, false, 0},
+      {"blackholed destination", accepts, ProbeAnswer::Healthy, false, 0},
+      {"blackholed destinations at once", accepts, ProbeAnswer::Healthy, true, 0},
+      {"destination closing at once", closedAtOnce, ProbeAnswer::Healthy, false, 0},
+      {"destination resetting at once", resetAtOnce, ProbeAnswer::Healthy, true, 0},
+      {"front door refusing", refuses, ProbeAnswer::Refused, false, 3},
+      {"front door resetting", resetsBeforeAck, ProbeAnswer::Healthy, false, 3},
+      {"front door answering garbage", garbage, ProbeAnswer::Garbage, false, 3},
+      {"front door silent", accepts, ProbeAnswer::Silent, false, 3},
+      {"front door silent to a burst", accepts, ProbeAnswer::Silent, true, 1},
+      {"front door closing after acks", closedAtOnce, ProbeAnswer::Refused, false, 3},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    RelayHarness h;
+    h.probeAnswer = c.probe;
+    auto peer = h.env->makeQueue("peer", {});
+    h.connections->onMake = [&](const std::shared_ptr<ScriptedConnection>& made) {
+      const bool frontDoor = made->endpoint().port.rawValue() == RelayHarness::kFrontDoorPort;
+      peer->async([made, frontDoor, script = frontDoor ? c.frontDoor : refuses] { script(*made); });
+    };
+    std::size_t mostInFlight = 0;
+    h.probes->onMake = [&,
+                        answer = h.probes->onMake](const std::shared_ptr<ScriptedConnection>& p) {
+      const auto made = h.probes->made();
+      mostInFlight = std::max<std::size_t>(mostInFlight, std::ranges::count_if(made, [](auto& m) {
+                                             return !m->cancelled() &&
+                                                    m->state() != NWConnectionState::Kind::Failed;
+                                           }));
+      answer(p);
+    };
+    const int flows = c.burst ? 40 : 3;
+    for (int i = 0; i < flows; ++i) {
+      auto flow = h.makeFlow();
+      flow->agentSends(bytesOf("GET / HTTP/1.1\r\n\r\n"));
+      h.engine.relay(flow, RelayHarness::kTarget, 4242, "/usr/bin/agent", "");
+      if (!c.burst) h.env->advance(30s);
+    }
+    h.env->advance(30s);
+    EXPECT_EQ(h.context->count("circuit:failure"), c.failures);
+    EXPECT_LE(mostInFlight, 1u);
+    EXPECT_LE(h.probes->made().size(), 3u);
+  }
+}
+
 // Made-up wall-clock times, in seconds from an arbitrary origin.
 WallTime at(double seconds) {
   return WallTime(std::chrono::seconds(1767225600)) +
