@@ -243,3 +243,49 @@ TEST(RelayWatchdogTest, SlidesWithEachKickAndFiresOnceUnlessCancelled) {
 
 }  // namespace
 }  // namespace tarnwick
+
+namespace tarnwick {
+namespace {
+
+// The provider goes away while the front door's acknowledgement is on its way, or before the
+// handshake fails open: nobody is left to keep a session or to dial for the flow, so both legs
+// are closed, silently, rather than left open with nothing to end them.
+TEST(RelayFlowTest, ProviderGoneDuringTheHandshakeClosesTheFlow) {
+  for (const std::string then : {"<HTTP/1.1_200_OK\r\n\r\nbanner", "<HTTP/1.1-407\r\n\r\n", "+3"}) {
+    SCOPED_TRACE(then);
+    RelayHarness h;
+    auto flow = h.relay();
+    play(h, *flow, "^");
+    std::weak_ptr<FakeRelayContext> context = h.context;
+    h.context.reset();
+    const auto frontDoor = h.connections->last();
+    if (then.starts_with('<')) frontDoor->deliver(bytesOf(then.substr(1)));
+    h.env->advance(10s);
+    EXPECT_TRUE(context.expired());
+    EXPECT_TRUE(flow->readClosed() && flow->writeClosed());
+    EXPECT_EQ(flow->written(), Bytes());
+    EXPECT_TRUE(frontDoor->cancelled());
+    EXPECT_EQ(h.connections->made().size(), 1u);  // no direct dial
+  }
+}
+
+// A session whose provider has gone is dropped with the provider's table: nothing it had pending
+// does anything any more.
+TEST(RelayFlowTest, ProviderGoneMidRelayLeavesNothingRunning) {
+  RelayHarness h;
+  auto flow = h.relay();
+  play(h, *flow, kUp + "<H");
+  std::weak_ptr<RelaySession> session = h.context->onlySession();
+  ASSERT_FALSE(session.expired());
+  h.context.reset();  // drops the table and with it the session
+  EXPECT_TRUE(session.expired());
+  flow->agentSends(bytesOf("x"));
+  h.connections->last()->deliver(bytesOf("y"));
+  h.env->advance(600s);
+  EXPECT_EQ(textOf(flow->written()), "H");
+  EXPECT_EQ(h.connections->made().size(), 1u);
+  EXPECT_EQ(h.probes->made().size(), 0u);
+}
+
+}  // namespace
+}  // namespace tarnwick

@@ -45,6 +45,11 @@ class FakeRelayContext : public RelayContext {
   Trail trail() const { return copy(trail_); }
   std::size_t count(const std::string& entry) const { return std::ranges::count(trail(), entry); }
   std::size_t retainedCount() const { return copy(retained_).size(); }
+  // The one session the table holds, if exactly one.
+  std::shared_ptr<RelaySession> onlySession() const {
+    const auto retained = copy(retained_);
+    return retained.size() == 1 ? retained.begin()->second : nullptr;
+  }
 
  private:
   template <typename T>
@@ -178,7 +183,8 @@ inline Bytes play(RelayHarness& h, ScriptedTCPFlow& flow, const std::string& scr
     if (k == '>' && end) flow.agentEnds();
     if (k == '>' && reset) flow.agentFails({5, "gone"});
     if (k == '>' && !end && !reset) {
-      const Bytes b = arg.starts_with('*') ? patternBytes(std::stoul(arg.substr(1))) : bytesOf(text);
+      const Bytes b =
+          arg.starts_with('*') ? patternBytes(std::stoul(arg.substr(1))) : bytesOf(text);
       sent.insert(sent.end(), b.begin(), b.end());
       flow.agentSends(b);
     }
