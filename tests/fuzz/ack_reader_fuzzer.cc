@@ -37,7 +37,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::string seen;
   std::size_t at = 0;
   while (at < size) {
-    const std::size_t length = std::min<std::size_t>(data[at++], size - at);
+    const std::size_t wanted = data[at++];
+    const std::size_t length = std::min(wanted, size - at);
     const tarnwick::Bytes chunk(data + at, data + at + length);
     at += length;
     if (chunk.empty()) continue;  // the reader never hands the scanner an empty chunk
