@@ -26,7 +26,7 @@
 #include "platform/Network.h"
 #include "platform/NetworkExtension.h"
 #include "relay/FailOpenReason.h"
-#include "relay/RelayCut.h"
+#include "relay/RelayEnding.h"
 #include "relay/RelayEvent.h"
 #include "relay/RelayServices.h"
 #include "relay/RelayWatchdog.h"

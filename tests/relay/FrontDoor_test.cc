@@ -129,7 +129,7 @@ TEST(FrontDoorBlameTest, OnlyAFailingFrontDoorCountsAgainstTheCircuit) {
     auto peer = h.env->makeQueue("peer", {});
     h.connections->onMake = [&](const std::shared_ptr<ScriptedConnection>& made) {
       const bool frontDoor = made->endpoint().port.rawValue() == RelayHarness::kFrontDoorPort;
-      peer->async([made, frontDoor, script = frontDoor ? c.frontDoor : refuses] { script(*made); });
+      peer->async([made, script = frontDoor ? c.frontDoor : refuses] { script(*made); });
     };
     std::size_t mostInFlight = 0;
     h.probes->onMake = [&,

@@ -1,4 +1,4 @@
-#include "relay/RelayCut.h"
+#include "relay/RelayEnding.h"
 
 #include <cerrno>
 
