@@ -67,7 +67,12 @@ void FrontDoorProbe::probe() {
     rawPort = port_;
   }
   const auto port = NWEndpointPort::make(rawPort);
-  if (!port) return settle(generation, false, "no front-door port");
+  if (!port) {
+    // No front door to ask (flows then fail open without it): nothing to tell the circuit.
+    MutexLock lock(mutex_);
+    probing_ = false;
+    return;
+  }
   auto attempt =
       connections_->makeConnection(NWEndpoint::hostPort(host, *port), NWParameters::tcp());
   {

@@ -71,7 +71,12 @@ void RelaySession::armPreCommitWatchdog() {
   silence->kick();
 }
 
+// A session that has ended reads no more: its flow's read side is closed.
 void RelaySession::readAgent() {
+  {
+    MutexLock lock(mutex_);
+    if (phase_ == Phase::Done) return;
+  }
   flow_->readData(
       [weak = weak_from_this()](std::optional<Bytes> data, std::optional<NEError> error) {
         if (auto self = weak.lock()) self->onAgentRead(std::move(data), std::move(error));

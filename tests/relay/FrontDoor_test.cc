@@ -27,6 +27,14 @@ TEST(FrontDoorPreambleTest, IsExactlyTheseBytes) {
             "X-Brask-Trace: 0123\r\n\r\n");
 }
 
+// The liveness probe names no server but the front door itself.
+TEST(FrontDoorPreambleTest, ProbeIsExactlyTheseBytes) {
+  EXPECT_EQ(textOf(makeProbeRequest("127.0.0.1", 8443)),
+            "OPTIONS * HTTP/1.1\r\nHost: 127.0.0.1:8443\r\n\r\n");
+  EXPECT_EQ(textOf(makeProbeRequest("::1", 8443)),
+            "OPTIONS * HTTP/1.1\r\nHost: [::1]:8443\r\n\r\n");
+}
+
 // The front door's reply delivered whole, and one byte at a time after an empty delivery so that
 // the terminator is split across chunks at every position ("_" is a space). A trailing "|" ends
 // the stream with the reply's last byte. A good head hands the flow to a session, whose first
@@ -152,6 +160,10 @@ TEST(FrontDoorBlameTest, OnlyAFailingFrontDoorCountsAgainstTheCircuit) {
     EXPECT_EQ(h.context->count("circuit:failure"), c.failures);
     EXPECT_LE(mostInFlight, 1u);
     EXPECT_LE(h.probes->made().size(), 3u);
+    for (const auto& probe : h.probes->made()) {
+      EXPECT_TRUE(probe->sent().empty() ||
+                  probe->sent() == makeProbeRequest("127.0.0.1", RelayHarness::kFrontDoorPort));
+    }
   }
 }
 
