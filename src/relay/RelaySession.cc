@@ -254,7 +254,9 @@ void RelaySession::onUpstreamEnded(const std::shared_ptr<NWConnection>& conn,
     } else if (!committed_) {
       next = !failedOver_ && buffering_ ? Next::Failover : error ? Next::Cut : Next::GiveUp;
     } else {
-      sever = !failedOver_;
+      // The upstream's end after the agent's own concludes the conversation; before it, or as
+      // a reset, it cuts the relay.
+      sever = !failedOver_ && (error || !agentEnded_);
       upstreamEnded_ = !error;
       next = error ? Next::Cut : agentEnded_ ? Next::Finish : Next::PassEnd;
     }

@@ -52,12 +52,14 @@ void RelaySession::dialDestination(Bytes replay) {
     return;
   }
   auto conn = services_->connections->makeConnection(*endpoint, NWParameters::tcp());
+  bool ended;
   {
     MutexLock lock(mutex_);
-    // A session that ended since the failover began dials nothing.
-    if (phase_ == Phase::Done) return;
-    dialing_ = conn;
+    ended = phase_ == Phase::Done;
+    if (!ended) dialing_ = conn;
   }
+  // A session that ended since the failover began dials nothing.
+  if (ended) return conn->cancel();
   // Stays installed for the life of the connection: a later waiting or failed state of the
   // spliced connection ends the session too.
   conn->setStateUpdateHandler([weak = weak_from_this(), from = std::weak_ptr<NWConnection>(conn),

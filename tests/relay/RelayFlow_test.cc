@@ -87,7 +87,7 @@ std::vector<Case> cases() {
        directSuspect("handshake-timeout"),
        {kRedialWaiting, kTimeout, kDirect, kAlive}},
       // What follows the acknowledgement in the same read is the destination's first answer.
-      {"^ <HTTP/1.1_200_OK\r\n\r\n220_ready_ >QUIT >| <|", kSevered, {}, "220 ready "},
+      {"^ <HTTP/1.1_200_OK\r\n\r\n220_ready_ >QUIT >| <|", kCommitted, {}, "220 ready "},
       // The direct leg passes each end on and ends once both sides have ended.
       {"X X ^ >hello <reply >| <|", direct("relay-failed"), {}, "reply"},
       {"X X ^ >| <late <|", direct("relay-failed"), {}, "late"},  // a reply after a half-close
@@ -114,8 +114,9 @@ std::vector<Case> cases() {
       {"X X ^ w <unwritten", direct("relay-failed"), {}, "", nullptr, false, true},
       {"X X ^ < >still >!", direct("relay-failed"), {}, "", nullptr, false, true},
       {"X X X", {"circuit:failure", "relay.failopen:relay-failed"}, {}, "", "", true},
-      // A session passes each end on too: the agent's half-close still gets its answer.
-      {kUp + ">GET >| <reply <|", kSevered, {}, "reply"},
+      // A session passes each end on too: the agent's half-close still gets its answer, and the
+      // upstream's end after it concludes the relay, where before it, it cuts the relay short.
+      {kUp + ">GET >| <reply <|", kCommitted, {}, "reply"},
       {kUp + "<H <| >more >|", kSevered, {}, "H"},
       {kUp + "<HTTP/1.1_204| >|", kSevered, {}, "HTTP/1.1 204"},
       {kUp + ">!", session({"relay.close"}), {}, "", nullptr, false, true},
