@@ -24,6 +24,15 @@ FrontDoorProbe::FrontDoorProbe(std::shared_ptr<Runtime> runtime,
       budget_(budget),
       queue_(runtime_->makeQueue(kQueueLabel, QualityOfService::UserInitiated)) {}
 
+FrontDoorProbe::~FrontDoorProbe() {
+  std::shared_ptr<NWConnection> attempt;
+  {
+    MutexLock lock(mutex_);
+    attempt = std::exchange(attempt_, nullptr);
+  }
+  if (attempt) attempt->cancel();
+}
+
 void FrontDoorProbe::setFrontDoor(std::string host, std::uint16_t port) {
   MutexLock lock(mutex_);
   host_ = std::move(host);

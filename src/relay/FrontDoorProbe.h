@@ -52,6 +52,9 @@ class FrontDoorProbe : public std::enable_shared_from_this<FrontDoorProbe> {
                                                 std::weak_ptr<RelayContext> context,
                                                 Seconds budget);
 
+  // A probe still in flight is abandoned.
+  ~FrontDoorProbe();
+
   void setFrontDoor(std::string host, std::uint16_t port);
   // Tells the circuit breaker what `verdict` says; nothing once the provider is gone.
   void judge(FrontDoorVerdict verdict);
