@@ -37,7 +37,8 @@ class DispatchTimer {
   virtual ~DispatchTimer() = default;
   virtual void setEventHandler(Work handler) = 0;
   // Deadline `fromNow` after the current monotonic time; `repeating` absent for a single shot.
-  // The timer may fire up to `leeway` after its deadline. Replaces any earlier schedule.
+  // The timer may fire up to `leeway` after its deadline. Replaces any earlier schedule, and
+  // with it a firing of that schedule that is due but has not started yet.
   virtual void schedule(Duration fromNow, std::optional<Duration> repeating, Duration leeway) = 0;
   virtual void resume() = 0;
   virtual void cancel() = 0;

@@ -3,11 +3,10 @@
 // policy documents and events. These helpers give it the platform's reading rules.
 
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
-
-#include <nlohmann/json.hpp>
 
 namespace tarnwick {
 

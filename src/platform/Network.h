@@ -8,9 +8,13 @@
 // - send() before ready queues the content; queued sends are written in order once ready. An
 //   absent or empty content with isComplete shuts down the write side.
 // - receive(min, max) completes once at least `min` bytes are there (or fewer at the end of the
-//   stream), with at most `max` bytes, isComplete at the end of the stream, or an error.
+//   stream), with at most `max` bytes, isComplete at the end of the stream, or an error. A peer
+//   that resets the connection is reported as an error (ECONNRESET), never as isComplete: a
+//   stream cut short is never taken for a complete one.
 // - cancel() before ready drops pending sends and receives without calling their completions
 //   (their bytes never left). cancel() after ready completes pending operations with ECANCELED.
+// - forceCancel() is cancel() that also aborts the stream: the peer of a ready connection sees a
+//   reset rather than an end of stream, and bytes not yet written are dropped.
 // - Every completion is called at most once, on the start() queue.
 
 #include <cstdint>
@@ -88,6 +92,7 @@ class NWConnection {
   virtual void receive(std::size_t minimumIncompleteLength, std::size_t maximumLength,
                        ReceiveCompletion completion) = 0;
   virtual void cancel() = 0;
+  virtual void forceCancel() = 0;
 };
 
 // Makes connections; the relay engine takes one so tests can hand it scripted connections.

@@ -3,6 +3,7 @@
 // metadata, network rules and settings, and the transparent-proxy provider's entry points.
 // Flow completions run on threads of the flow implementation's choosing ("framework threads").
 
+#include <cerrno>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -19,6 +20,11 @@ struct NEError {
   int code = 0;
   std::string localizedDescription;
 };
+
+// What a TCP flow completes a read or a write with when it cannot take it (see the contract of
+// NEAppProxyTCPFlow).
+inline NEError flowNotReadableError() { return {ENOTCONN, "flow is not open for reading"}; }
+inline NEError flowNotWritableError() { return {ENOTCONN, "flow is not open for writing"}; }
 
 // A host endpoint as the framework reports it: host and port texts, unchecked.
 struct NWHostEndpoint {
@@ -42,6 +48,15 @@ class NEAppProxyFlow {
   virtual NEFlowMetaData metaData() const = 0;
 };
 
+// Contract of every TCP flow (the socket-backed one and the scripted one alike):
+// - Reads and writes work once the flow is open.
+// - One read at a time: a read while another is pending completes at once with an error, as does
+//   every read after closeReadWithError(), which drops a pending read without calling it. Once
+//   the agent has ended its stream, every read delivers no bytes.
+// - Writes go to the agent in order; a write after closeWriteWithError() fails.
+// - closeWriteWithError() with no error ends the agent's stream once pending writes are out (a
+//   half-close: reads go on). With an error it aborts the connection at once: pending writes
+//   fail and the agent sees a reset, not an end of stream that would pass for a complete one.
 class NEAppProxyTCPFlow : public NEAppProxyFlow {
  public:
   // Absent or empty content means the agent ended its stream.

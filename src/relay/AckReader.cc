@@ -1,5 +1,6 @@
 #include "relay/AckReader.h"
 
+#include <cctype>
 #include <string_view>
 
 #include "platform/Text.h"
@@ -13,31 +14,55 @@ constexpr std::size_t kReceiveMaximum = 1024;
 
 struct AckRead {
   std::shared_ptr<NWConnection> connection;
-  std::function<void(bool)> completion;
+  std::function<void(AckOutcome)> completion;
   AckScanner scanner;
 };
+
+AckOutcome::Kind kindOf(AckScanner::Verdict verdict) {
+  switch (verdict) {
+    case AckScanner::Verdict::Good:
+      return AckOutcome::Kind::Good;
+    case AckScanner::Verdict::Rejected:
+      return AckOutcome::Kind::Rejected;
+    default:
+      return AckOutcome::Kind::Garbage;
+  }
+}
 
 void postReceive(std::shared_ptr<AckRead> read) {
   auto connection = read->connection;
   connection->receive(kReceiveMinimum, kReceiveMaximum,
                       [read = std::move(read)](std::optional<Bytes> content, bool isComplete,
                                                std::optional<NWError> error) mutable {
+                        // A chunk that completes the head decides, whatever else it carries.
                         if (content && !content->empty()) {
                           const auto verdict = read->scanner.append(*content);
                           if (verdict != AckScanner::Verdict::NeedMore) {
-                            read->completion(verdict == AckScanner::Verdict::Good);
+                            read->completion({kindOf(verdict), read->scanner.takeLeftover(),
+                                              isComplete, std::move(error)});
                             return;
                           }
                         }
                         if (isComplete || error) {
-                          read->completion(false);
+                          read->completion({AckOutcome::Kind::Cut, {}, isComplete, error});
                           return;
                         }
                         postReceive(std::move(read));
                       });
 }
 
+bool isDigit(char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; }
+
 }  // namespace
+
+bool startsWithStatusLine(std::string_view text) {
+  constexpr std::string_view kShape = "HTTP/0.0 000";
+  if (text.size() < kShape.size() || !text.starts_with("HTTP/")) return false;
+  for (std::size_t i = 5; i < kShape.size(); ++i) {
+    if (kShape[i] == '0' ? !isDigit(text[i]) : text[i] != kShape[i]) return false;
+  }
+  return text.size() == kShape.size() || text[kShape.size()] == ' ' || text[kShape.size()] == '\r';
+}
 
 AckScanner::Verdict AckScanner::append(const Bytes& chunk) {
   // The terminator can straddle the previous chunk, so the search starts three bytes back.
@@ -46,15 +71,22 @@ AckScanner::Verdict AckScanner::append(const Bytes& chunk) {
   buffer_.insert(buffer_.end(), chunk.begin(), chunk.end());
   const std::string_view held = textOf(buffer_);
   const std::size_t end = held.find(kTerminator, from);
-  if (end != std::string_view::npos) {
-    const std::string_view head = held.substr(0, end);
-    const bool good = isValidUTF8(head) && head.find("200") != std::string_view::npos;
-    return good ? Verdict::Good : Verdict::Bad;
+  if (end == std::string_view::npos) {
+    return buffer_.size() > kMaxHeadBytes ? Verdict::Garbage : Verdict::NeedMore;
   }
-  return buffer_.size() > kMaxHeadBytes ? Verdict::Bad : Verdict::NeedMore;
+  const std::string_view head = held.substr(0, end);
+  if (!isValidUTF8(head)) return Verdict::Garbage;
+  if (head.find("200") == std::string_view::npos) {
+    return startsWithStatusLine(head) ? Verdict::Rejected : Verdict::Garbage;
+  }
+  leftover_.assign(buffer_.begin() + static_cast<std::ptrdiff_t>(end + kTerminator.size()),
+                   buffer_.end());
+  Bytes().swap(buffer_);
+  return Verdict::Good;
 }
 
-void readAck(std::shared_ptr<NWConnection> connection, std::function<void(bool good)> completion) {
+void readAck(std::shared_ptr<NWConnection> connection,
+             std::function<void(AckOutcome outcome)> completion) {
   postReceive(std::make_shared<AckRead>(
       AckRead{std::move(connection), std::move(completion), AckScanner{}}));
 }

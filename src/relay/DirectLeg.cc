@@ -68,35 +68,52 @@ void DirectLeg::onState(const NWConnectionState& state) {
   }
   proxyLog().error("dialDirect: direct dial to %{public}s:%{public}s failed — closing",
                    fields_.target.host, fields_.target.port);
-  closeFlow(*flow_);
-  connection_->cancel();
+  // The agent's connect succeeded where the destination's did not: a reset tells it so, where an
+  // end of stream would read as a server that answered nothing.
+  closeLegs(RelayEnding::upstreamCut(state.error ? state.error->localizedDescription : "failed"),
+            *flow_, *connection_, fields_.target);
   letGo();
 }
 
 void DirectLeg::pumpFlowToConn() {
   flow_->readData(
       [weak = weak_from_this()](std::optional<Bytes> data, std::optional<NEError> error) {
-        if (auto self = weak.lock()) self->onFlowRead(std::move(data), error.has_value());
+        if (auto self = weak.lock()) self->onFlowRead(std::move(data), std::move(error));
       });
 }
 
-void DirectLeg::onFlowRead(std::optional<Bytes> data, bool failed) {
+void DirectLeg::onFlowRead(std::optional<Bytes> data, std::optional<NEError> error) {
   if (!providerOrStop()) return;
-  if (failed || !data || data->empty()) {
-    // The agent has ended or failed: pass the end on, and end the leg without waiting for it.
-    connection_->send(std::nullopt, true, [](std::optional<NWError>) {});
-    finishRelay();
+  if (error) return finishRelay(RelayEnding::agentCut(error->localizedDescription));
+  if (!data || data->empty()) {
+    {
+      MutexLock lock(mutex_);
+      agentEnded_ = true;
+    }
+    connection_->send(std::nullopt, true, [weak = weak_from_this()](std::optional<NWError> e) {
+      if (auto self = weak.lock()) self->onAgentEndPassed(e);
+    });
     return;
   }
   connection_->send(std::move(*data), true, [weak = weak_from_this()](std::optional<NWError> e) {
     auto self = weak.lock();
     if (!self) return;
     if (e) {
-      self->finishRelay();
+      self->finishRelay(RelayEnding::upstreamCut(e->localizedDescription));
     } else {
       self->pumpFlowToConn();
     }
   });
+}
+
+void DirectLeg::onAgentEndPassed(const std::optional<NWError>& error) {
+  if (error) return finishRelay(RelayEnding::upstreamCut(error->localizedDescription));
+  bool bothEnded;
+  {
+    MutexLock lock(mutex_);
+    bothEnded = destinationEnded_;
+  }
+  if (bothEnded) finishRelay(RelayEnding::clean());
 }
 
 void DirectLeg::pumpConnToFlow() {
@@ -104,20 +121,25 @@ void DirectLeg::pumpConnToFlow() {
                        [weak = weak_from_this()](std::optional<Bytes> content, bool isComplete,
                                                  std::optional<NWError> error) {
                          if (auto self = weak.lock()) {
-                           self->onReceive(std::move(content), isComplete || error.has_value());
+                           self->onReceive(std::move(content), isComplete, std::move(error));
                          }
                        });
 }
 
-void DirectLeg::onReceive(std::optional<Bytes> content, bool ended) {
+void DirectLeg::onReceive(std::optional<Bytes> content, bool isComplete,
+                          std::optional<NWError> error) {
   if (!providerOrStop()) return;
+  const bool ended = isComplete || error.has_value();
   if (content && !content->empty()) {
-    // Bytes that came with the end are written to the agent before the leg finishes.
-    flow_->write(std::move(*content), [weak = weak_from_this(), ended](std::optional<NEError> e) {
+    // Bytes that came with the end are written to the agent before the end is passed on.
+    flow_->write(std::move(*content), [weak = weak_from_this(), ended,
+                                       error = std::move(error)](std::optional<NEError> e) {
       auto self = weak.lock();
       if (!self) return;
-      if (e || ended) {
-        self->finishRelay();
+      if (e) {
+        self->finishRelay(RelayEnding::agentCut(e->localizedDescription));
+      } else if (ended) {
+        self->onDestinationEnded(error);
       } else {
         self->pumpConnToFlow();
       }
@@ -125,13 +147,24 @@ void DirectLeg::onReceive(std::optional<Bytes> content, bool ended) {
     return;
   }
   // A receive with no bytes, no end and no error stops this direction without ending the leg.
-  if (ended) finishRelay();
+  if (ended) onDestinationEnded(error);
 }
 
-void DirectLeg::finishRelay() {
+void DirectLeg::onDestinationEnded(const std::optional<NWError>& error) {
+  if (error) return finishRelay(RelayEnding::upstreamCut(error->localizedDescription));
+  bool bothEnded;
+  {
+    MutexLock lock(mutex_);
+    destinationEnded_ = true;
+    bothEnded = agentEnded_;
+  }
+  if (bothEnded) return finishRelay(RelayEnding::clean());
+  flow_->closeWriteWithError(std::nullopt);
+}
+
+void DirectLeg::finishRelay(const RelayEnding& ending) {
   if (finished_.exchange(true)) return;
-  connection_->cancel();
-  closeFlow(*flow_);
+  closeLegs(ending, *flow_, *connection_, fields_.target);
   sendRelayEvent(services_->context, "relay.close", fields_);
   letGo();
 }

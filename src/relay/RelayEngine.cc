@@ -10,12 +10,17 @@ namespace tarnwick {
 
 RelayEngine::RelayEngine(std::shared_ptr<Runtime> runtime,
                          std::shared_ptr<NWConnectionFactory> connections,
-                         std::weak_ptr<RelayContext> context, Timing timing)
-    : runtime_(std::move(runtime)),
-      services_(std::make_shared<const RelayServices>(
-          RelayServices{std::move(connections), std::move(context), timing})) {}
+                         std::weak_ptr<RelayContext> context, Timing timing,
+                         std::shared_ptr<NWConnectionFactory> probeConnections)
+    : runtime_(runtime),
+      services_(std::make_shared<const RelayServices>(RelayServices{
+          connections, context, timing,
+          FrontDoorProbe::create(std::move(runtime),
+                                 probeConnections ? std::move(probeConnections) : connections,
+                                 context, timing.probeTimeout)})) {}
 
 void RelayEngine::setFrontDoor(std::string host, std::uint16_t port) {
+  services_->probe->setFrontDoor(host, port);
   MutexLock lock(mutex_);
   frontDoorHost_ = std::move(host);
   frontDoorPort_ = port;

@@ -29,8 +29,11 @@ class RelayEngine {
   // One serial queue of this label per relayed flow.
   static constexpr const char* kRelayQueueLabel = "dev.fernquill.tarnwick.proxyex.relay.flow";
 
+  // Probes of the front door's health dial through `probeConnections`, or `connections` when
+  // absent.
   RelayEngine(std::shared_ptr<Runtime> runtime, std::shared_ptr<NWConnectionFactory> connections,
-              std::weak_ptr<RelayContext> context, Timing timing = {});
+              std::weak_ptr<RelayContext> context, Timing timing = {},
+              std::shared_ptr<NWConnectionFactory> probeConnections = nullptr);
 
   // The front door, from the provider's configuration; applies to relays started after it.
   void setFrontDoor(std::string host, std::uint16_t port);

@@ -28,8 +28,8 @@ void RelayHandshake::start(std::shared_ptr<const RelayServices> services, NWEndp
   std::shared_ptr<RelayHandshake> handshake(
       new RelayHandshake(std::move(services), std::move(frontDoor), std::move(queue),
                          std::move(flow), std::move(fields), std::move(trace)));
-  handshake->armBudget();
   handshake->dialOnce(kFirstAttemptRedials);
+  handshake->armBudget();
 }
 
 RelayHandshake::RelayHandshake(std::shared_ptr<const RelayServices> services, NWEndpoint frontDoor,
@@ -43,8 +43,9 @@ RelayHandshake::RelayHandshake(std::shared_ptr<const RelayServices> services, NW
       fields_(std::move(fields)),
       trace_(std::move(trace)) {}
 
-// Never cancelled: once the gate is settled its firing does nothing. Armed before the first
-// dial, so a redial does not restart it.
+// Never cancelled: once the gate is settled its firing does nothing. Armed once the first dial
+// has started, so time the flow spent waiting for a busy host before that is not charged to the
+// front door; a redial does not restart it.
 void RelayHandshake::armBudget() {
   const Seconds budget = services_->timing.handshakeTimeout;
   queue_->asyncAfter(toDuration(budget), [self = shared_from_this(), budget] {
@@ -52,7 +53,8 @@ void RelayHandshake::armBudget() {
     proxyLog().error(
         "relay: front-door handshake exceeded %fs — failing OPEN (direct, uninspected)",
         budget.count());
-    self->failOpen(FailOpenReason::HandshakeTimeout);
+    // A front door that waits on a blackholed destination looks the same as one that hangs.
+    self->failOpen(FailOpenReason::HandshakeTimeout, FrontDoorVerdict::Suspect);
   });
 }
 
@@ -99,7 +101,8 @@ void RelayHandshake::onSetupFailure(const std::shared_ptr<NWConnection>& attempt
   proxyLog().error("relay: loopback front-door %{public}s (%{public}s) on re-dial — failing OPEN",
                    word, detail);
   failOpen(std::string_view(word) == "waiting" ? FailOpenReason::RelayWaiting
-                                               : FailOpenReason::RelayFailed);
+                                               : FailOpenReason::RelayFailed,
+           FrontDoorVerdict::Failed);
 }
 
 void RelayHandshake::onPreambleSent(const std::shared_ptr<NWConnection>& attempt,
@@ -108,26 +111,37 @@ void RelayHandshake::onPreambleSent(const std::shared_ptr<NWConnection>& attempt
     // Logged even when the relay is already settled; the fail-open then does nothing.
     proxyLog().error("relay: preamble send failed: %{public}s — failing open",
                      error->localizedDescription);
-    failOpen(FailOpenReason::PreambleSendFailed);
+    failOpen(FailOpenReason::PreambleSendFailed, FrontDoorVerdict::Failed);
     return;
   }
   if (services_->context.expired()) return;
-  readAck(attempt, [self = shared_from_this(), attempt](bool good) { self->onAck(attempt, good); });
+  readAck(attempt, [self = shared_from_this(), attempt](AckOutcome outcome) {
+    self->onAck(attempt, std::move(outcome));
+  });
 }
 
-void RelayHandshake::onAck(const std::shared_ptr<NWConnection>& attempt, bool good) {
-  if (!good) {
+// A reply with a well-formed status line proves the front door alive, whatever it declined; a
+// reply that is not HTTP, or a connection cut before the head, is the front door failing.
+void RelayHandshake::onAck(const std::shared_ptr<NWConnection>& attempt, AckOutcome outcome) {
+  if (outcome.kind != AckOutcome::Kind::Good) {
     proxyLog().error("relay: front-door ack not received — failing open");
-    failOpen(FailOpenReason::NoAck);
+    failOpen(FailOpenReason::NoAck, outcome.kind == AckOutcome::Kind::Rejected
+                                        ? FrontDoorVerdict::Alive
+                                        : FrontDoorVerdict::Failed);
     return;
   }
   // The timer or another failure got there first and has taken care of the flow.
   if (!gate_.claim()) return;
   attempt->setStateUpdateHandler(nullptr);
-  RelaySession::create(services_, flow_, attempt, fields_, queue_)->start();
+  // The bytes that shared a read with the head are the destination's first: the session takes
+  // them as its first response, exactly as if a later read had brought them.
+  RelaySession::create(services_, flow_, attempt, fields_, queue_)
+      ->start({std::move(outcome.leftover), outcome.isComplete, std::move(outcome.error)});
 }
 
-void RelayHandshake::failOpen(FailOpenReason reason) {
+// Only the first failure settles the relay and reaches the circuit. With the provider gone there
+// is nobody to dial for: the flow is closed rather than left waiting.
+void RelayHandshake::failOpen(FailOpenReason reason, FrontDoorVerdict verdict) {
   if (!gate_.claim()) return;
   std::shared_ptr<NWConnection> current;
   {
@@ -135,9 +149,11 @@ void RelayHandshake::failOpen(FailOpenReason reason) {
     current = std::exchange(current_, nullptr);
   }
   if (current) current->cancel();
-  auto provider = services_->context.lock();
-  if (!provider) return;
-  provider->circuitRecordFailure();
+  if (services_->context.expired()) {
+    DirectLeg::closeFlow(*flow_);
+    return;
+  }
+  services_->probe->judge(verdict);
   DirectLeg::dial(services_, flow_, fields_, reason, queue_);
 }
 

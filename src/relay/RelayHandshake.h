@@ -2,7 +2,8 @@
 // One flow's way into the front door: dial it (once more after a setup failure, since the daemon
 // may be mid-restart), send the CONNECT preamble, read the acknowledgement, all within one budget
 // that covers both attempts. The outcome is settled exactly once through a RelayGate: a hand-off
-// to a RelaySession, or a fail-open (one circuit failure, then the direct leg).
+// to a RelaySession, or a fail-open (what the failure says about the front door goes to the
+// circuit breaker, then the direct leg takes the flow).
 //
 // Owned by its pending operations: the budget timer holds it for the whole budget, and each
 // preamble send and acknowledgement read while it is outstanding. Connection state handlers hold
@@ -16,7 +17,9 @@
 #include "platform/Mutex.h"
 #include "platform/Network.h"
 #include "platform/NetworkExtension.h"
+#include "relay/AckReader.h"
 #include "relay/FailOpenReason.h"
+#include "relay/FrontDoorProbe.h"
 #include "relay/RelayEvent.h"
 #include "relay/RelayGate.h"
 #include "relay/RelayServices.h"
@@ -41,9 +44,10 @@ class RelayHandshake : public std::enable_shared_from_this<RelayHandshake> {
                       const char* word, const std::string& detail);
   void onPreambleSent(const std::shared_ptr<NWConnection>& attempt,
                       const std::optional<NWError>& error);
-  void onAck(const std::shared_ptr<NWConnection>& attempt, bool good);
-  // The one fail-open action shared by every failure path.
-  void failOpen(FailOpenReason reason);
+  void onAck(const std::shared_ptr<NWConnection>& attempt, AckOutcome outcome);
+  // The one fail-open action shared by every failure path; `verdict` is what the failure says
+  // about the front door.
+  void failOpen(FailOpenReason reason, FrontDoorVerdict verdict);
 
   const std::shared_ptr<const RelayServices> services_;
   const NWEndpoint frontDoor_;

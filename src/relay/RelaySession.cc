@@ -32,16 +32,27 @@ RelaySession::RelaySession(std::shared_ptr<const RelayServices> services,
       fields_(std::move(fields)),
       upstream_(std::move(loopback)) {}
 
-void RelaySession::start() {
-  if (auto provider = services_->context.lock()) provider->retainSession(shared_from_this());
-  armPreCommitWatchdog();
-  readAgent();
+void RelaySession::start(FirstUpstreamBytes first) {
   std::shared_ptr<NWConnection> loopback;
   {
     MutexLock lock(mutex_);
     loopback = upstream_;
   }
-  readUpstream(loopback);
+  {
+    auto provider = services_->context.lock();
+    if (!provider) {
+      closeLegs(RelayEnding::clean(), *flow_, *loopback, fields_.target);
+      return;
+    }
+    provider->retainSession(shared_from_this());
+  }
+  armPreCommitWatchdog();
+  readAgent();
+  if (first.empty()) {
+    readUpstream(loopback);
+  } else {
+    onUpstream(loopback, std::move(first.bytes), first.isComplete, std::move(first.error));
+  }
 }
 
 // Nothing else kicks this watchdog: agent bytes kick only after commitment and the first response
@@ -60,52 +71,53 @@ void RelaySession::armPreCommitWatchdog() {
   silence->kick();
 }
 
+// A session that has ended reads no more: its flow's read side is closed.
 void RelaySession::readAgent() {
+  {
+    MutexLock lock(mutex_);
+    if (phase_ == Phase::Done) return;
+  }
   flow_->readData(
       [weak = weak_from_this()](std::optional<Bytes> data, std::optional<NEError> error) {
-        if (auto self = weak.lock()) self->onAgentRead(std::move(data), error.has_value());
+        if (auto self = weak.lock()) self->onAgentRead(std::move(data), std::move(error));
       });
 }
 
-void RelaySession::onAgentRead(std::optional<Bytes> data, bool failed) {
+void RelaySession::onAgentRead(std::optional<Bytes> data, std::optional<NEError> error) {
   AgentStep step;
   std::shared_ptr<NWConnection> upstream;
   std::shared_ptr<RelayWatchdog> idle;
   {
     MutexLock lock(mutex_);
     if (phase_ == Phase::Done) return;
-    step = takeAgentChunkLockHeld(data, failed);
+    step = takeAgentChunkLockHeld(data, error.has_value());
     upstream = upstream_;
     if (committed_) idle = watchdog_;
   }
   switch (step) {
-    case AgentStep::Finish:
-      // The agent's end of stream ends the whole session: there is no half-close.
-      finish();
+    case AgentStep::Cut:
+      return finishWith(RelayEnding::agentCut(error->localizedDescription));
+    case AgentStep::PassEnd:
+      return passAgentEnd(upstream);
+    case AgentStep::Wait:
       return;
     case AgentStep::Hold:
-      readAgent();
-      return;
+      return readAgent();
     case AgentStep::Forward:
-      break;
+      if (idle) idle->kick();
+      return sendUpstream(upstream, std::move(*data));
   }
-  if (idle) idle->kick();
-  upstream->send(std::move(*data), true,
-                 [weak = weak_from_this(),
-                  to = std::weak_ptr<NWConnection>(upstream)](std::optional<NWError> e) {
-                   auto self = weak.lock();
-                   if (!self) return;
-                   if (e) {
-                     self->onUpstreamWriteFailed(to.lock());
-                   } else {
-                     self->readAgent();
-                   }
-                 });
 }
 
+// An end of stream read during a failover waits for the direct connection to go live, which
+// passes it on after the replay and the held bytes.
 RelaySession::AgentStep RelaySession::takeAgentChunkLockHeld(const std::optional<Bytes>& data,
                                                              bool failed) {
-  if (failed || !data || data->empty()) return AgentStep::Finish;
+  if (failed) return AgentStep::Cut;
+  if (!data || data->empty()) {
+    agentEnded_ = true;
+    return phase_ == Phase::FailingOver ? AgentStep::Wait : AgentStep::PassEnd;
+  }
   if (phase_ == Phase::FailingOver) {
     hold_.insert(hold_.end(), data->begin(), data->end());
     return AgentStep::Hold;
@@ -120,25 +132,60 @@ RelaySession::AgentStep RelaySession::takeAgentChunkLockHeld(const std::optional
   return AgentStep::Forward;
 }
 
+void RelaySession::sendUpstream(const std::shared_ptr<NWConnection>& to, Bytes bytes) {
+  to->send(std::move(bytes), true,
+           [weak = weak_from_this(),
+            to = std::weak_ptr<NWConnection>(to)](std::optional<NWError> error) {
+             auto self = weak.lock();
+             if (!self) return;
+             if (error) {
+               self->onUpstreamWriteFailed(to.lock(), *error);
+             } else {
+               self->readAgent();
+             }
+           });
+}
+
+void RelaySession::passAgentEnd(const std::shared_ptr<NWConnection>& to) {
+  to->send(std::nullopt, true,
+           [weak = weak_from_this(),
+            to = std::weak_ptr<NWConnection>(to)](std::optional<NWError> error) {
+             if (auto self = weak.lock()) self->onAgentEndPassed(to.lock(), error);
+           });
+}
+
+void RelaySession::onAgentEndPassed(const std::shared_ptr<NWConnection>& to,
+                                    const std::optional<NWError>& error) {
+  if (error) return onUpstreamWriteFailed(to, *error);
+  bool bothEnded;
+  {
+    MutexLock lock(mutex_);
+    bothEnded = upstreamEnded_ && phase_ == Phase::Relaying && to == upstream_;
+  }
+  if (bothEnded) finish();
+}
+
 void RelaySession::readUpstream(const std::shared_ptr<NWConnection>& conn) {
   conn->receive(kReceiveMinimum, kReceiveMaximum,
                 [weak = weak_from_this(), from = std::weak_ptr<NWConnection>(conn)](
                     std::optional<Bytes> content, bool isComplete, std::optional<NWError> error) {
-                  if (auto self = weak.lock()) {
-                    self->onUpstream(from, std::move(content), isComplete || error.has_value());
+                  auto self = weak.lock();
+                  auto source = from.lock();
+                  if (self && source) {
+                    self->onUpstream(source, std::move(content), isComplete, std::move(error));
                   }
                 });
 }
 
-void RelaySession::onUpstream(const std::weak_ptr<NWConnection>& from, std::optional<Bytes> content,
-                              bool ended) {
-  auto conn = from.lock();
+void RelaySession::onUpstream(const std::shared_ptr<NWConnection>& conn,
+                              std::optional<Bytes> content, bool isComplete,
+                              std::optional<NWError> error) {
   bool first = false;
   UpstreamStep step;
   std::shared_ptr<RelayWatchdog> idle;
   {
     MutexLock lock(mutex_);
-    step = judgeUpstreamLockHeld(conn, content && !content->empty(), ended, first);
+    step = judgeUpstreamLockHeld(conn, content && !content->empty(), isComplete || error, first);
     idle = watchdog_;
   }
   switch (step) {
@@ -150,18 +197,9 @@ void RelaySession::onUpstream(const std::weak_ptr<NWConnection>& from, std::opti
       } else if (idle) {
         idle->kick();
       }
-      deliverToAgent(std::move(conn), std::move(*content), ended);
-      return;
-    case UpstreamStep::Failover:
-      failover(FailOpenReason::PassthroughDial);
-      return;
-    case UpstreamStep::Sever:
-      reportSever();
-      finish();
-      return;
-    case UpstreamStep::Close:
-      finish();
-      return;
+      return deliverToAgent(conn, std::move(*content), isComplete, std::move(error));
+    case UpstreamStep::Ended:
+      return onUpstreamEnded(conn, error);
   }
 }
 
@@ -169,7 +207,7 @@ void RelaySession::onUpstream(const std::weak_ptr<NWConnection>& from, std::opti
 // neither bytes nor an end (no further receive is posted on that connection).
 RelaySession::UpstreamStep RelaySession::judgeUpstreamLockHeld(
     const std::shared_ptr<NWConnection>& conn, bool hasBytes, bool ended, bool& first) {
-  if (phase_ != Phase::Relaying || !conn || conn != upstream_) return UpstreamStep::Ignore;
+  if (phase_ != Phase::Relaying || conn != upstream_) return UpstreamStep::Ignore;
   if (hasBytes) {
     first = !committed_;
     if (first) {
@@ -178,30 +216,74 @@ RelaySession::UpstreamStep RelaySession::judgeUpstreamLockHeld(
     }
     return UpstreamStep::Deliver;
   }
-  if (!ended) return UpstreamStep::Ignore;
-  if (!committed_ && !failedOver_ && buffering_) return UpstreamStep::Failover;
-  if (committed_ && !failedOver_) return UpstreamStep::Sever;
-  return UpstreamStep::Close;
+  return ended ? UpstreamStep::Ended : UpstreamStep::Ignore;
 }
 
-// Bytes that came with the end are written to the agent before the session finishes.
-void RelaySession::deliverToAgent(std::shared_ptr<NWConnection> conn, Bytes bytes, bool ended) {
-  flow_->write(std::move(bytes),
-               [weak = weak_from_this(), conn = std::move(conn), ended](std::optional<NEError> e) {
-                 auto self = weak.lock();
-                 if (!self) return;
-                 if (e || ended) {
-                   self->finish();
-                 } else {
-                   self->readUpstream(conn);
-                 }
-               });
+// Bytes that came with the end are written to the agent before the end is passed on.
+void RelaySession::deliverToAgent(std::shared_ptr<NWConnection> conn, Bytes bytes, bool isComplete,
+                                  std::optional<NWError> error) {
+  flow_->write(std::move(bytes), [weak = weak_from_this(), conn = std::move(conn), isComplete,
+                                  error = std::move(error)](std::optional<NEError> e) {
+    auto self = weak.lock();
+    if (!self) return;
+    if (e) {
+      self->finishWith(RelayEnding::agentCut(e->localizedDescription));
+    } else if (isComplete || error) {
+      self->onUpstreamEnded(conn, error);
+    } else {
+      self->readUpstream(conn);
+    }
+  });
+}
+
+// Before the first response byte the front door may be failing: a failover replays the agent's
+// bytes to the destination. Not so for an end that follows the agent's own: the front door passed
+// that on, and a destination that reads a request to its end and closes without a word is
+// answering; replaying the request would make it a second one. After the first response byte, a
+// reset is carried to the agent and an end of stream is passed on as a half-close.
+void RelaySession::onUpstreamEnded(const std::shared_ptr<NWConnection>& conn,
+                                   const std::optional<NWError>& error) {
+  enum class Next { Ignore, Failover, GiveUp, Cut, PassEnd, Finish } next;
+  bool sever = false;
+  {
+    MutexLock lock(mutex_);
+    if (phase_ != Phase::Relaying || conn != upstream_) {
+      next = Next::Ignore;
+    } else if (!committed_ && !error && agentEnded_) {
+      next = Next::Finish;
+    } else if (!committed_) {
+      next = !failedOver_ && buffering_ ? Next::Failover : error ? Next::Cut : Next::GiveUp;
+    } else {
+      // The upstream's end after the agent's own concludes the conversation; before it, or as
+      // a reset, it cuts the relay.
+      sever = !failedOver_ && (error || !agentEnded_);
+      upstreamEnded_ = !error;
+      next = error ? Next::Cut : agentEnded_ ? Next::Finish : Next::PassEnd;
+    }
+  }
+  // A committed relay severed while the daemon is away is counted for its next connection.
+  if (sever) reportSever();
+  switch (next) {
+    case Next::Ignore:
+      return;
+    case Next::Failover:
+      failover(FailOpenReason::PassthroughDial);
+      return;
+    case Next::GiveUp:
+    case Next::Finish:
+      return finish();
+    case Next::Cut:
+      return finishWith(RelayEnding::upstreamCut(error->localizedDescription));
+    case Next::PassEnd:
+      flow_->closeWriteWithError(std::nullopt);
+      return;
+  }
 }
 
 // The front door has proved healthy; from now on only idleness in both directions ends the
 // session early.
 void RelaySession::onFirstResponseByte() {
-  if (auto provider = services_->context.lock()) provider->circuitRecordSuccess();
+  services_->probe->judge(FrontDoorVerdict::Alive);
   auto idle = RelayWatchdog::create(flowQueue_, services_->timing.postCommitIdle,
                                     [weak = weak_from_this()] {
                                       if (auto self = weak.lock()) self->onIdle();
@@ -218,47 +300,51 @@ void RelaySession::onFirstResponseByte() {
 }
 
 void RelaySession::onIdle() {
+  {
+    MutexLock lock(mutex_);
+    if (phase_ == Phase::Done) return;
+    beginAnnouncementLockHeld();
+  }
   sendRelayEvent(services_->context, "relay.midstream_idle", fields_);
-  finish();
+  if (!endAnnouncement()) finish();
 }
 
 // The send may have gone to a front door that a failover has cancelled since: the agent pump
 // read those bytes before the failover took the replay copy, so they are in it. Such a failure
 // says nothing about the connection now upstream, which may already be the spliced destination.
-void RelaySession::onUpstreamWriteFailed(const std::shared_ptr<NWConnection>& to) {
-  enum class Next { KeepReading, Failover, Sever, Close } next;
+void RelaySession::onUpstreamWriteFailed(const std::shared_ptr<NWConnection>& to,
+                                         const NWError& error) {
+  enum class Next { Wait, KeepReading, Failover, Cut } next;
+  bool sever = false, keepReading;
   {
     MutexLock lock(mutex_);
     if (phase_ == Phase::Done) return;
+    keepReading = !agentEnded_;
     if (phase_ == Phase::FailingOver || to != upstream_) {
-      next = Next::KeepReading;
+      next = keepReading ? Next::KeepReading : Next::Wait;
     } else if (!committed_) {
       next = Next::Failover;
     } else {
-      next = failedOver_ ? Next::Close : Next::Sever;
+      sever = !failedOver_;
+      next = Next::Cut;
     }
   }
+  if (sever) reportSever();
   switch (next) {
-    case Next::KeepReading:
-      readAgent();
+    case Next::Wait:
       return;
+    case Next::KeepReading:
+      return readAgent();
     case Next::Failover:
-      failover(FailOpenReason::RelayWriteFailed);
       // The failed send was the agent pump's outstanding operation; its bytes are in the replay
       // copy. Keep reading, or the agent's later bytes and its end would never be seen.
-      readAgent();
+      if (failover(FailOpenReason::RelayWriteFailed) && keepReading) readAgent();
       return;
-    case Next::Sever:
-      reportSever();
-      finish();
-      return;
-    case Next::Close:
-      finish();
-      return;
+    case Next::Cut:
+      return finishWith(RelayEnding::upstreamCut(error.localizedDescription));
   }
 }
 
-// A committed relay severed while the daemon is away is counted for its next connection.
 void RelaySession::reportSever() {
   if (auto provider = services_->context.lock()) provider->recordCommittedSeverIfUnhealthy();
 }
@@ -268,19 +354,38 @@ void RelaySession::dropReplayLockHeld() {
   Bytes().swap(early_);
 }
 
-void RelaySession::finish() {
-  std::shared_ptr<NWConnection> upstream;
+void RelaySession::beginAnnouncementLockHeld() { announcing_ = true; }
+
+bool RelaySession::endAnnouncement() {
+  std::optional<RelayEnding> deferred;
+  {
+    MutexLock lock(mutex_);
+    announcing_ = false;
+    deferred = std::exchange(deferred_, std::nullopt);
+  }
+  if (deferred) finishWith(*deferred);
+  return deferred.has_value();
+}
+
+void RelaySession::finishWith(const RelayEnding& ending) {
+  std::shared_ptr<NWConnection> upstream, dialing;
   std::shared_ptr<RelayWatchdog> watchdog;
   {
     MutexLock lock(mutex_);
     if (phase_ == Phase::Done) return;
+    if (announcing_) {
+      // The first reason to end stands.
+      if (!deferred_) deferred_ = ending;
+      return;
+    }
     phase_ = Phase::Done;
     upstream = upstream_;
+    dialing = std::exchange(dialing_, nullptr);
     watchdog = std::exchange(watchdog_, nullptr);
   }
   if (watchdog) watchdog->cancel();
-  upstream->cancel();
-  DirectLeg::closeFlow(*flow_);
+  if (dialing) dialing->cancel();
+  closeLegs(ending, *flow_, *upstream, fields_.target);
   sendRelayEvent(services_->context, "relay.close", fields_);
   if (auto provider = services_->context.lock()) provider->releaseSession(this);
 }

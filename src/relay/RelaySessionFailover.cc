@@ -11,8 +11,9 @@ namespace tarnwick {
 
 // Eligible only while relaying, uncommitted, never failed over and still buffering; a request
 // after the replay buffer overflowed, after commitment or during another failover ends the
-// session instead.
-void RelaySession::failover(FailOpenReason reason) {
+// session instead. The front door may not be to blame (the destination may have closed or said
+// nothing), so the circuit hears of it through a probe.
+bool RelaySession::failover(FailOpenReason reason) {
   Bytes replay;
   std::shared_ptr<NWConnection> frontDoor;
   std::shared_ptr<RelayWatchdog> watchdog;
@@ -27,17 +28,19 @@ void RelaySession::failover(FailOpenReason reason) {
       replay = std::exchange(early_, Bytes());
       frontDoor = upstream_;
       watchdog = std::exchange(watchdog_, nullptr);
+      beginAnnouncementLockHeld();
     }
   }
   if (!eligible) {
     finish();
-    return;
+    return false;
   }
   if (watchdog) watchdog->cancel();
   frontDoor->cancel();
-  if (auto provider = services_->context.lock()) provider->circuitRecordFailure();
+  services_->probe->judge(FrontDoorVerdict::Suspect);
   sendFailOpenEvent(services_->context, reason, fields_);
-  dialDestination(std::move(replay));
+  if (!endAnnouncement()) dialDestination(std::move(replay));
+  return true;
 }
 
 void RelaySession::dialDestination(Bytes replay) {
@@ -49,10 +52,14 @@ void RelaySession::dialDestination(Bytes replay) {
     return;
   }
   auto conn = services_->connections->makeConnection(*endpoint, NWParameters::tcp());
+  bool ended;
   {
     MutexLock lock(mutex_);
-    dialing_ = conn;
+    ended = phase_ == Phase::Done;
+    if (!ended) dialing_ = conn;
   }
+  // A session that ended since the failover began dials nothing.
+  if (ended) return conn->cancel();
   // Stays installed for the life of the connection: a later waiting or failed state of the
   // spliced connection ends the session too.
   conn->setStateUpdateHandler([weak = weak_from_this(), from = std::weak_ptr<NWConnection>(conn),
@@ -87,11 +94,14 @@ void RelaySession::onDirectState(const std::shared_ptr<NWConnection>& conn,
       "RelaySession.failover: direct dial to %{public}s:%{public}s unreachable — closing",
       fields_.target.host, fields_.target.port);
   conn->cancel();
-  finish();
+  // As with the direct leg, the agent learns of the unreachable destination by a reset.
+  finishWith(
+      RelayEnding::upstreamCut(state.error ? state.error->localizedDescription : "unreachable"));
 }
 
 // Byte order on the direct connection: the replay, then what the agent sent during the dial, then
-// new bytes, which the agent pump sends straight upstream once the session is live again.
+// new bytes, which the agent pump sends straight upstream once the session is live again, or the
+// agent's end of stream if it came meanwhile.
 void RelaySession::completeFailover(std::shared_ptr<NWConnection> conn, Bytes replay) {
   sendThen(conn, std::move(replay), [conn](RelaySession& self) { self.drainHoldThenGoLive(conn); });
 }
@@ -106,12 +116,8 @@ void RelaySession::sendThen(std::shared_ptr<NWConnection> conn, Bytes bytes,
              [weak = weak_from_this(), conn, next = std::move(next)](std::optional<NWError> e) {
                auto self = weak.lock();
                if (!self) return;
-               if (e) {
-                 // upstream_ still names the front door here, so finish() would not cancel it.
-                 conn->cancel();
-                 self->finish();
-                 return;
-               }
+               // The failover's dial is still in dialing_, which finishing cancels.
+               if (e) return self->finishWith(RelayEnding::upstreamCut(e->localizedDescription));
                next(*self);
              });
 }
@@ -119,6 +125,7 @@ void RelaySession::sendThen(std::shared_ptr<NWConnection> conn, Bytes bytes,
 void RelaySession::drainHoldThenGoLive(const std::shared_ptr<NWConnection>& conn) {
   enum class Step { Cancel, Drain, Live } step;
   Bytes held;
+  bool passEnd = false;
   {
     MutexLock lock(mutex_);
     if (phase_ == Phase::Done) {
@@ -134,6 +141,8 @@ void RelaySession::drainHoldThenGoLive(const std::shared_ptr<NWConnection>& conn
       committed_ = true;
       phase_ = Phase::Relaying;
       dialing_.reset();
+      passEnd = agentEnded_;
+      beginAnnouncementLockHeld();
       step = Step::Live;
     }
   }
@@ -147,7 +156,10 @@ void RelaySession::drainHoldThenGoLive(const std::shared_ptr<NWConnection>& conn
       return;
     case Step::Live:
       readUpstream(conn);
+      // The agent's end, read during the failover, follows the replay and the held bytes.
+      if (passEnd) passAgentEnd(conn);
       sendFailOpenEvent(services_->context, FailOpenReason::PassthroughDialSpliced, fields_);
+      endAnnouncement();
       return;
   }
 }

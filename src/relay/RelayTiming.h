@@ -16,6 +16,8 @@ struct RelayTiming {
   Seconds preCommitSilence{20.0};
   // Idle time in both directions after which a committed session is ended.
   Seconds postCommitIdle{300.0};
+  // How long the front door has to answer a liveness probe with a status line.
+  Seconds probeTimeout{1.0};
   // Largest replay buffer; one byte more and the session can no longer fail over.
   std::int64_t replayCap = 131072;
 };

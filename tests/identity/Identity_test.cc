@@ -5,9 +5,11 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <thread>
 #include <tuple>
 
 #include "identity/AncestryGate.h"
@@ -60,6 +62,28 @@ TEST(WatchGate, MatchesSigningIdentifiersExactlyAndPidsOtherThanZero) {
 }
 
 // Each step is a flow under PID 500: its PID version, signing identifier and the verdict.
+// A reader running while the set is replaced sees the old set or the new one, never half of
+// each: here "a" and 7 are watched together or not at all, so ("a", 1) is always watched.
+TEST(WatchGate, ConcurrentReadersNeverSeeHalfAnUpdate) {
+  WatchGate gate;
+  gate.update({"a"}, {7});
+  std::atomic<bool> done{false};
+  std::thread writer([&] {
+    for (int i = 0; i < 2000; ++i) {
+      if (i % 2 == 0) {
+        gate.update({"x"}, {1});
+      } else {
+        gate.update({"a"}, {7});
+      }
+    }
+    done = true;
+  });
+  int torn = 0;
+  while (!done) torn += !gate.isWatched("a", 1);
+  writer.join();
+  EXPECT_EQ(torn, 0);
+}
+
 TEST(IdentityGate, BindsAPidToItsFirstProcessAgainstReuse) {
   using Steps = std::vector<std::tuple<std::int64_t, const char*, bool>>;
   for (const auto& [name, steps] : std::vector<std::pair<const char*, Steps>>{

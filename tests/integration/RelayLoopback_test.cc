@@ -8,71 +8,13 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <condition_variable>
-#include <mutex>
-#include <thread>
 
-#include "DaemonServer.h"
-#include "FrontDoorHarness.h"
-#include "bridge/DaemonBridge.h"
-#include "host/HostLoop.h"
-#include "host/intake/SocketFlow.h"
-#include "identity/AuditToken.h"
-#include "platform/testing/AcceptingTunnelHost.h"
-#include "provider/TransparentProxyProvider.h"
+#include "LoopbackRig.h"
 
 namespace tarnwick {
 namespace {
 
-using namespace std::chrono_literals;
 using frontdoor::FrontDoorMode;
-
-constexpr const char* kAgent = "/usr/bin/agent";
-
-// A daemon on a real Unix socket in a fresh directory, serving on its own thread. Keeps the
-// reason of every "relay.failopen", space-separated, until a "relay.close" comes.
-class RunningDaemon {
- public:
-  RunningDaemon() {
-    std::string error;
-    server_ = daemon::DaemonServer::create(path(), std::nullopt,
-                                           {[this](auto line) { add(line); }, [](auto) {}}, error);
-    EXPECT_TRUE(server_) << error;
-    if (server_) thread_ = std::thread([this] { server_->run(); });
-  }
-  ~RunningDaemon() {
-    if (server_) server_->stop();
-    if (thread_.joinable()) thread_.join();
-    server_.reset();
-    ::rmdir(directory_.c_str());
-  }
-  std::string path() const { return directory_ + "/ne.sock"; }
-
-  // The fail-open reasons once the relay has closed, or what had come when patience ran out.
-  std::string failOpenReasonsOnceClosed() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    arrived_.wait_for(lock, 10s, [&] { return closed_; });
-    return reasons_;
-  }
-
- private:
-  void add(std::string_view line) {
-    const Json event = parseJsonDocument(line).value_or(Json::object());
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (event.value("kind", "") == "relay.failopen") reasons_ += " " + event.value("reason", "");
-    closed_ = closed_ || event.value("kind", "") == "relay.close";
-    arrived_.notify_all();
-  }
-
-  char template_[16] = "/tmp/twi-XXXXXX";
-  const std::string directory_ = ::mkdtemp(template_);
-  std::unique_ptr<daemon::DaemonServer> server_;
-  std::thread thread_;
-  std::mutex mutex_;
-  std::condition_variable arrived_;
-  std::string reasons_;
-  bool closed_ = false;
-};
 
 struct LoopbackCase {
   std::string name;
@@ -83,8 +25,7 @@ struct LoopbackCase {
 void PrintTo(const LoopbackCase& c, std::ostream* os) { *os << c.name; }
 
 // Sends the payload while reading the echo back, until all of it has come back, the stream ends
-// or nothing moves for five seconds. The agent keeps its side open meanwhile: a relay ends as soon
-// as the agent ends its stream, reply in flight or not.
+// or nothing moves for five seconds.
 std::string echoRoundTrip(int fd, std::string_view payload) {
   std::string received;
   std::vector<char> buffer(64 * 1024);
@@ -104,52 +45,21 @@ std::string echoRoundTrip(int fd, std::string_view payload) {
   return received;
 }
 
-class RelayLoopbackTest : public ::testing::TestWithParam<LoopbackCase> {
- protected:
-  ~RelayLoopbackTest() override {
-    if (provider_) provider_->stopProxy(NEProviderStopReason::UserInitiated, nullptr);
-    loop_->stop();
-  }
-
-  RunningDaemon daemon_;
-  frontdoor::EchoServer echo_;
-  frontdoor::RunningFrontDoor frontDoor_{
-      {.listen = {"127.0.0.1", 0}, .mode = GetParam().mode, .ackDelaySeconds = 1.0}};
-  std::shared_ptr<host::HostLoop> loop_ = std::make_shared<host::HostLoop>();
-  std::shared_ptr<AcceptingTunnelHost> tunnelHost_ = std::make_shared<AcceptingTunnelHost>();
-  std::shared_ptr<TransparentProxyProvider> provider_;
-};
+class RelayLoopbackTest : public ::testing::TestWithParam<LoopbackCase> {};
 
 TEST_P(RelayLoopbackTest, EchoesEveryByteAndReportsWhy) {
-  TransparentProxyProvider::Services services;
-  services.runtime = realRuntime();
-  services.connections = realConnectionFactory();
-  services.bridge = DaemonBridge::create(services.runtime, daemon_.path());
+  frontdoor::EchoServer echo;
   // Short limits, so that the silent modes fail over in well under a second.
-  services.relayTiming = {.handshakeTimeout = Seconds(0.5), .preCommitSilence = Seconds(0.5)};
-  provider_ = TransparentProxyProvider::create(std::move(services));
-  provider_->attachTunnelHost(tunnelHost_);
-  provider_->startProxy(Json{{"frontDoorPort", portOf(frontDoor_.address())},
-                             {"socketPath", daemon_.path()},
-                             {"watchedSigningIDs", {kAgent}}},
-                        nullptr);
-  // The agent's end of a socket pair; the other end is the flow the provider takes over.
-  int pair[2];
-  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
-  auto flow = host::SocketFlow::create(
-      loop_, UniqueFd(pair[1]), NWHostEndpoint{"127.0.0.1", std::to_string(echo_.port())},
-      NEFlowMetaData{kAgent, auditTokenForPID(::getpid())},
-      realRuntime()->makeQueue("framework", QualityOfService::Default));
-  ASSERT_TRUE(provider_->handleNewFlow(flow));
-
+  LoopbackRig rig(GetParam().mode,
+                  {.handshakeTimeout = Seconds(0.5), .preCommitSilence = Seconds(0.5)});
   std::string payload(GetParam().size, '\0');
   for (std::size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<char>(i * 31 + i / 251);
   // The agent's end closes once the echo is back, ending the relay.
-  const std::string received = echoRoundTrip(UniqueFd(pair[0]).get(), payload);
+  const std::string received = echoRoundTrip(rig.connect(echo.port()).get(), payload);
   EXPECT_EQ(received.size(), payload.size());
   // Checksums, so that a failure reports two numbers rather than megabytes.
   EXPECT_EQ(std::hash<std::string>{}(received), std::hash<std::string>{}(payload));
-  EXPECT_EQ(daemon_.failOpenReasonsOnceClosed(), GetParam().reasons);
+  EXPECT_EQ(rig.daemon.failOpenReasonsOnceClosed(), GetParam().reasons);
 }
 
 std::vector<LoopbackCase> loopbackCases() {

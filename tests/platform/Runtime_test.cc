@@ -267,6 +267,38 @@ TEST(SimulatedRuntimeTest, SameSeedReplaysTheSameRun) {
   EXPECT_TRUE(someSeedDiffers);
 }
 
+// A timer rescheduled at the very moment its deadline passes fires at the new deadline only,
+// whichever of the two the seed runs first: a watchdog kicked by traffic at its deadline stays
+// quiet.
+TEST(SimulatedRuntimeTest, RescheduleDropsAFiringThatHasNotRunYet) {
+  bool kickedFirstSomewhere = false;
+  for (std::uint64_t seed = 1; seed <= 40; ++seed) {
+    auto env = SimulatedRuntime::create({.seed = seed});
+    auto timerQueue = env->makeQueue("timer", {});
+    const MonotonicTime start = env->monotonicNow();
+    std::vector<std::int64_t> firedAt;
+    auto timer = timerQueue->makeTimer();
+    timer->setEventHandler([&] {
+      firedAt.push_back(
+          std::chrono::duration_cast<std::chrono::seconds>(env->monotonicNow() - start).count());
+    });
+    timer->schedule(1s, std::nullopt, 0s);
+    timer->resume();
+    bool kickedFirst = false;
+    env->makeQueue("kick", {})->asyncAfter(1s, [&] {
+      kickedFirst = firedAt.empty();
+      timer->schedule(5s, std::nullopt, 0s);
+    });
+    env->advance(10s);
+    const std::vector<std::int64_t> expected =
+        kickedFirst ? std::vector<std::int64_t>{6} : std::vector<std::int64_t>{1, 6};
+    EXPECT_EQ(firedAt, expected) << "seed " << seed;
+    kickedFirstSomewhere |= kickedFirst;
+    timer->cancel();
+  }
+  EXPECT_TRUE(kickedFirstSomewhere) << "no seed ran the reschedule before the due firing";
+}
+
 using ConnectionTest = RuntimeTest;
 
 // Sends made before ready go out in order once it is; an empty complete send ends the stream
@@ -336,6 +368,32 @@ TEST_P(ConnectionTest, CancelAfterReadyCompletesEverythingWithECANCELED) {
               ::testing::UnorderedElementsAre("preparing", "ready", "sent big errno=125",
                                               "received R - errno=125", "cancelled",
                                               "sent A errno=125", "received R2 - errno=125"));
+}
+
+// A peer's reset completes a receive with ECONNRESET, never as an end of stream; and a forced
+// cancel resets the peer where a plain one would end its stream.
+TEST_P(ConnectionTest, ResetsAreToldApartFromEnds) {
+  for (const bool peerResets : {true, false}) {
+    SCOPED_TRACE(peerResets ? "peer resets" : "force-cancelled");
+    trace_ = std::make_shared<Trace>();
+    scripted_ = std::make_shared<ScriptedConnection>(scripted_->endpoint());
+    auto connection = make(Mode::Accept);
+    start(connection);
+    connection->send(bytesOf("hi"), false, sent("A"));
+    ASSERT_TRUE(settleOn("sent A"));
+    auto* peer = real() ? server_->peer(0) : nullptr;
+    if (!peerResets) {
+      connection->forceCancel();
+      EXPECT_EQ(peer ? peer->read(3) : std::string(textOf(scripted_->sent())), "hi");
+      EXPECT_TRUE(peer ? peer->sawReset() : scripted_->reset());
+      continue;
+    }
+    if (peer) peer->reset();
+    if (!peer) scripted_->deliver(std::nullopt, false, NWError::fromErrno(ECONNRESET));
+    connection->receive(1, 100, received("R"));
+    ASSERT_TRUE(settleOn("received R - errno=104"));
+    connection->cancel();
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Forms, ConnectionTest,

@@ -285,7 +285,10 @@ TEST(ProviderIntakeTest, CircuitOpensAfterThreeFailuresAndAProbeThatAnswersClose
   EXPECT_NE(textOf(frontDoor->sent()).find("X-Brask-Trace: " + trace + "\r\n"), std::string::npos);
   EXPECT_EQ(h.provider->activeSessionCountForTest(), 1u);
   EXPECT_TRUE(h.offer(h.flow(kAgent)));  // closed again
-  probe->agentEnds();
+  probe->agentEnds();  // a half-close: the session lasts until the front door ends too
+  h.env->runUntilIdle();
+  EXPECT_EQ(h.provider->activeSessionCountForTest(), 1u);
+  frontDoor->deliverEnd();
   h.env->runUntilIdle();
   EXPECT_EQ(h.provider->activeSessionCountForTest(), 0u);
   h.start(Json{{"frontDoorPort", 0}, {"watchedSigningIDs", {kAgent}}});

@@ -27,37 +27,142 @@ TEST(FrontDoorPreambleTest, IsExactlyTheseBytes) {
             "X-Brask-Trace: 0123\r\n\r\n");
 }
 
+// The liveness probe names no server but the front door itself.
+TEST(FrontDoorPreambleTest, ProbeIsExactlyTheseBytes) {
+  EXPECT_EQ(textOf(makeProbeRequest("127.0.0.1", 8443)),
+            "OPTIONS * HTTP/1.1\r\nHost: 127.0.0.1:8443\r\n\r\n");
+  EXPECT_EQ(textOf(makeProbeRequest("::1", 8443)),
+            "OPTIONS * HTTP/1.1\r\nHost: [::1]:8443\r\n\r\n");
+}
+
 // The front door's reply delivered whole, and one byte at a time after an empty delivery so that
-// the terminator is split across chunks at every position. A trailing "|" ends the stream with the
-// reply's last byte. A good head hands the flow to a session, a bad one fails it open, and one
-// still incomplete waits.
+// the terminator is split across chunks at every position ("_" is a space). A trailing "|" ends
+// the stream with the reply's last byte. A good head hands the flow to a session, whose first
+// response is whatever followed the head; a well-formed refusal fails open and proves the front
+// door alive; anything else fails open as a front-door failure; an incomplete head waits.
 TEST(FrontDoorAckTest, JudgesTheHeadWhateverTheChunking) {
-  const Trail good{"retain"}, bad{"circuit:failure", "relay.failopen:no-ack"}, waits{};
-  const std::pair<std::string, Trail> cases[] = {
-      {"HTTP/1.1-200-Connection-established\r\n\r\n", good},
-      {"HTTP/1.1-407-Proxy-Authentication-Required\r\n\r\n", bad},
-      {"HTTP/1.1-502-Bad\r\nX-Code:-200\r\n\r\n", good},  // "200" anywhere in the head
-      {"HTTP/1.1-503\r\n\r\n200-200", bad},    // what follows the terminator is dropped, not judged
-      {"HTTP/1.1-200-\xc0\xaf\r\n\r\n", bad},  // not UTF-8
-      {"HTTP/1.1-200-OK\r\n", waits},
-      {"HTTP/1.1-200-OK\r\n|", bad},
-      {"HTTP/1.1-200-OK\r\n\r\n|", good},  // the terminator wins over the end of its chunk
+  const Trail good{"retain", "circuit:success"}, waits{};
+  const Trail refused{"circuit:success", "relay.failopen:no-ack"};
+  const Trail garbage{"circuit:failure", "relay.failopen:no-ack"};
+  const struct {
+    std::string reply;
+    Trail verdict;
+    const char* agentGot = "";
+  } cases[] = {
+      {"HTTP/1.1_200_Connection_established\r\n\r\n", {"retain"}},
+      {"HTTP/1.1_407_Proxy_Authentication_Required\r\n\r\n", refused},
+      {"HTTP/1.0_502_Bad_Gateway\r\nX-Code:_200\r\n\r\n", {"retain"}},  // "200" anywhere
+      {"HTTP/1.1_503\r\n\r\n200", refused},  // what follows a refusal is not judged
+      {"HTTP/1.1-407\r\n\r\n", garbage},     // not a status line
+      {"SSH-2.0-OpenSSH_9.6\r\n\r\n", garbage},
+      {"HTTP/1.1_200_\xc0\xaf\r\n\r\n", garbage},  // not UTF-8
+      {"HTTP/1.1_200_OK\r\n", waits},
+      {"HTTP/1.1_200_OK\r\n|", garbage},
       {std::string(8192, 'a'), waits},
-      {std::string(8193, 'a'), bad},
-      {"200" + std::string(8186, 'x') + "\r\n\r\n", good},  // complete at 8193 bytes held
+      {std::string(8193, 'a'), garbage},
+      {"200" + std::string(8186, 'x') + "\r\n\r\n", {"retain"}},  // complete at 8193 bytes held
+      // The destination's first bytes, sent with the head, are its first response; a server that
+      // greets and closes is carried, not failed over.
+      {"HTTP/1.1_200_OK\r\n\r\n220_mail_ready\r\n", good, "220 mail ready\r\n"},
+      {"HTTP/1.1_200_OK\r\n\r\nbye|", {"retain", "circuit:success", "sever"}, "bye"},
+      // An acknowledgement ended at once: the front door let the flow down before any answer.
+      {"HTTP/1.1_200_OK\r\n\r\n|",
+       {"retain", "relay.failopen:passthrough_dial", "circuit:success"}},
   };
-  for (const auto& [reply, verdict] : cases) {
+  for (const auto& c : cases) {
     for (const bool byteByByte : {false, true}) {
-      SCOPED_TRACE(::testing::PrintToString(reply) + (byteByByte ? " byte by byte" : " whole"));
+      SCOPED_TRACE(::testing::PrintToString(c.reply) + (byteByByte ? " byte by byte" : " whole"));
       RelayHarness h;
       auto flow = h.relay();
       std::string script = byteByByte ? "^ < <" : "^ <";
-      for (std::size_t i = 0; i < reply.size(); ++i) {
-        const bool split = byteByByte && i > 0 && !(i + 1 == reply.size() && reply.back() == '|');
-        script += (split ? " <" : "") + reply.substr(i, 1);
+      for (std::size_t i = 0; i < c.reply.size(); ++i) {
+        const bool split =
+            byteByByte && i > 0 && !(i + 1 == c.reply.size() && c.reply.back() == '|');
+        script += (split ? " <" : "") + c.reply.substr(i, 1);
       }
       play(h, *flow, script);
-      EXPECT_EQ(h.context->trail(), verdict);
+      EXPECT_EQ(h.context->trail(), c.verdict);
+      EXPECT_EQ(textOf(flow->written()), c.agentGot);
+    }
+  }
+}
+
+// The circuit breaker is about the front door. A watched program dialling refused, blackholed or
+// at-once-closing destinations as fast as it likes costs the circuit nothing; a front door that
+// refuses, resets, answers garbage or accepts and stays silent is charged one failure per flow,
+// or per probe when the flows come in a burst: one probe is in flight at a time.
+TEST(FrontDoorBlameTest, OnlyAFailingFrontDoorCountsAgainstTheCircuit) {
+  using Script = std::function<void(ScriptedConnection&)>;
+  const Bytes ack = bytesOf(RelayHarness::kAck);
+  const Script refusedDestination = [](ScriptedConnection& c) {
+    c.becomeReady(), c.deliver(bytesOf("HTTP/1.1 502 Bad Gateway\r\n\r\n"));
+  };
+  const Script accepts = [](ScriptedConnection& c) { c.becomeReady(); };
+  const Script closedAtOnce = [ack](ScriptedConnection& c) {
+    c.becomeReady(), c.deliver(ack, true);
+  };
+  const Script resetAtOnce = [ack](ScriptedConnection& c) {
+    c.becomeReady(), c.deliver(ack), c.deliver(std::nullopt, false, NWError::fromErrno(ECONNRESET));
+  };
+  const Script refuses = [](ScriptedConnection& c) { c.fail(ECONNREFUSED); };
+  const Script resetsBeforeAck = [](ScriptedConnection& c) {
+    c.becomeReady(), c.deliver(std::nullopt, false, NWError::fromErrno(ECONNRESET));
+  };
+  const Script garbage = [](ScriptedConnection& c) {
+    c.becomeReady(), c.deliver(bytesOf("SSH-2.0-OpenSSH_9.6\r\n\r\n"));
+  };
+  const struct {
+    const char* name;
+    Script frontDoor;
+    ProbeAnswer probe;
+    bool burst;
+    std::size_t failures;
+  } cases[] = {
+      {"refused destination", refusedDestination, ProbeAnswer::Healthy, false, 0},
+      {"blackholed destination", accepts, ProbeAnswer::Healthy, false, 0},
+      {"blackholed destinations at once", accepts, ProbeAnswer::Healthy, true, 0},
+      {"destination closing at once", closedAtOnce, ProbeAnswer::Healthy, false, 0},
+      {"destination resetting at once", resetAtOnce, ProbeAnswer::Healthy, true, 0},
+      {"front door refusing", refuses, ProbeAnswer::Refused, false, 3},
+      {"front door resetting", resetsBeforeAck, ProbeAnswer::Healthy, false, 3},
+      {"front door answering garbage", garbage, ProbeAnswer::Garbage, false, 3},
+      {"front door silent", accepts, ProbeAnswer::Silent, false, 3},
+      {"front door silent to a burst", accepts, ProbeAnswer::Silent, true, 1},
+      {"front door closing after acks", closedAtOnce, ProbeAnswer::Refused, false, 3},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    RelayHarness h;
+    h.probeAnswer = c.probe;
+    auto peer = h.env->makeQueue("peer", {});
+    h.connections->onMake = [&](const std::shared_ptr<ScriptedConnection>& made) {
+      const bool frontDoor = made->endpoint().port.rawValue() == RelayHarness::kFrontDoorPort;
+      peer->async([made, script = frontDoor ? c.frontDoor : refuses] { script(*made); });
+    };
+    std::size_t mostInFlight = 0;
+    h.probes->onMake = [&,
+                        answer = h.probes->onMake](const std::shared_ptr<ScriptedConnection>& p) {
+      const auto made = h.probes->made();
+      mostInFlight = std::max<std::size_t>(mostInFlight, std::ranges::count_if(made, [](auto& m) {
+                                             return !m->cancelled() &&
+                                                    m->state() != NWConnectionState::Kind::Failed;
+                                           }));
+      answer(p);
+    };
+    const int flows = c.burst ? 40 : 3;
+    for (int i = 0; i < flows; ++i) {
+      auto flow = h.makeFlow();
+      flow->agentSends(bytesOf("GET / HTTP/1.1\r\n\r\n"));
+      h.engine.relay(flow, RelayHarness::kTarget, 4242, "/usr/bin/agent", "");
+      if (!c.burst) h.env->advance(30s);
+    }
+    h.env->advance(30s);
+    EXPECT_EQ(h.context->count("circuit:failure"), c.failures);
+    EXPECT_LE(mostInFlight, 1u);
+    EXPECT_LE(h.probes->made().size(), 3u);
+    for (const auto& probe : h.probes->made()) {
+      EXPECT_TRUE(probe->sent().empty() ||
+                  probe->sent() == makeProbeRequest("127.0.0.1", RelayHarness::kFrontDoorPort));
     }
   }
 }

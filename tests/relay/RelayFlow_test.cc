@@ -13,8 +13,14 @@ namespace {
 // The front door accepts and acknowledges.
 const std::string kUp = "^ <HTTP/1.1-200\r\n\r\n ";
 
+// A handshake failure the front door is to blame for: one circuit failure, the fail-open, and the
+// direct leg's close once both sides have ended.
 Trail direct(const std::string& reason) {
   return {"circuit:failure", "relay.failopen:" + reason, "relay.close"};
+}
+// One that may be the destination's doing: the probe finds the front door alive.
+Trail directSuspect(const std::string& reason) {
+  return {"relay.failopen:" + reason, "circuit:success", "relay.close"};
 }
 Trail session(Trail middle) {
   middle.insert(middle.begin(), "retain");
@@ -22,11 +28,13 @@ Trail session(Trail middle) {
   return middle;
 }
 Trail failedOver(const std::string& reason) {
-  return session({"circuit:failure", "relay.failopen:" + reason,
+  return session({"relay.failopen:" + reason, "circuit:success",
                   "relay.failopen:passthrough_dial_spliced", "relay.close"});
 }
 const Trail kFailoverFailed =
-    session({"circuit:failure", "relay.failopen:passthrough_dial", "relay.close"});
+    session({"relay.failopen:passthrough_dial", "circuit:success", "relay.close"});
+const Trail kNoPortToFailOverTo = {"retain", "relay.failopen:passthrough_dial", "relay.close",
+                                   "release", "circuit:success"};
 const Trail kCommitted = session({"circuit:success", "relay.close"});
 const Trail kSevered = session({"circuit:success", "sever", "relay.close"});
 const Trail kIdle = session({"circuit:success", "relay.midstream_idle", "relay.close"});
@@ -36,6 +44,7 @@ const std::string kRedialWaiting = "front-door waiting (Network is unreachable) 
 const std::string kTimeout = "front-door handshake exceeded 2.500000s — failing OPEN";
 const std::string kNoAck = "relay: front-door ack not received — failing open";
 const std::string kDirect = "failing OPEN: dialing 198.18.0.10:443 direct";
+const std::string kAlive = "front-door probe answered — front door alive";
 // What follows "CONNECT 198.18.0.10:<port>" on the first front-door attempt, once it was ready.
 const std::string kPreambleRest =
     " HTTP/1.1\r\nX-Brask-Pid: 4242\r\nX-Brask-Signing-Id: /usr/bin/agent\r\n"
@@ -47,75 +56,108 @@ struct Case {
   std::vector<std::string> logged = {};  // what each line says, in order, where it matters
   const char* agentGot = "";
   const char* destinationGot = nullptr;  // when not everything the agent sent
+  // A stream cut short on one side is reset on the other: the agent's flow, or the newest
+  // connection.
+  bool agentReset = false;
+  bool upstreamReset = false;
   std::string port = "443";
   std::uint16_t frontDoorPort = RelayHarness::kFrontDoorPort;
 };
 
 std::vector<Case> cases() {
   std::vector<Case> out = {
-      // The handshake fails open; the direct leg then carries the flow until the agent ends.
-      {"X X ^ >|", direct("relay-failed"), {kRedialRefused, "on re-dial", kDirect}},
-      {"~ ~ ^ >|", direct("relay-waiting"), {kRedialWaiting, "waiting (", kDirect}},
-      {"~ X ^ >|", direct("relay-failed"), {kRedialWaiting, "failed (", kDirect}},
-      {"# ^ x ^ >|", direct("preamble-send-failed"), {"send failed: Broken pipe", kDirect}},
-      {"^ <HTTP/1.1-407\r\n\r\n ^ >|", direct("no-ack"), {kNoAck, kDirect}},
-      {"^ <| ^ >|", direct("no-ack"), {kNoAck, kDirect}},
-      {"^ <HTTP/1.1-200! ^ >|", direct("no-ack"), {kNoAck, kDirect}},
-      {"+3 ^ >|", direct("handshake-timeout"), {kTimeout, kDirect}},
+      // The handshake fails open; the direct leg then carries the flow until both sides end.
+      {"X X ^ >| <|", direct("relay-failed"), {kRedialRefused, "on re-dial", kDirect}},
+      {"~ ~ ^ >| <|", direct("relay-waiting"), {kRedialWaiting, "waiting (", kDirect}},
+      {"~ X ^ >| <|", direct("relay-failed"), {kRedialWaiting, "failed (", kDirect}},
+      {"# ^ x ^ >| <|", direct("preamble-send-failed"), {"send failed: Broken pipe", kDirect}},
+      {"^ <HTTP/1.1-407\r\n\r\n ^ >| <|", direct("no-ack"), {kNoAck, kDirect}},
+      {"^ <| ^ >| <|", direct("no-ack"), {kNoAck, kDirect}},
+      {"^ <HTTP/1.1-200! ^ >| <|", direct("no-ack"), {kNoAck, kDirect}},
+      // A refusal with a well-formed status line proves the front door alive.
+      {"^ <HTTP/1.1_407_Proxy_Authentication_Required\r\n\r\n ^ >| <|",
+       {"circuit:success", "relay.failopen:no-ack", "relay.close"},
+       {kNoAck, kDirect}},
+      // Running out of time may be the destination's doing: the probe decides.
+      {"+3 ^ >| <|", directSuspect("handshake-timeout"), {kTimeout, kDirect, kAlive}},
       // The cancelled attempt then completes its pending read: logged, but already settled.
-      {"^ +3 ^ >|", direct("handshake-timeout"), {kTimeout, kDirect, kNoAck}},
-      // One budget from the start of the relay covers the redial too.
-      {"+2 ~ +0.499 =0 +0.001 ^ >|",
-       direct("handshake-timeout"),
-       {kRedialWaiting, kTimeout, kDirect}},
-      // What follows the acknowledgement is not the response.
-      {"^ <HTTP/1.1-200\r\n\r\nnot-the-response +3 >|", session({"relay.close"}), {}},
-      // However the direct leg ends, it ends once.
-      {"X X ^ >hello <reply >|", direct("relay-failed"), {}, "reply"},
-      {"X X ^ >| <late", direct("relay-failed")},  // at once, a reply in flight or not
-      {"X X ^ >!", direct("relay-failed")},
-      {"X X ^ <reply <bye|", direct("relay-failed"), {}, "replybye"},
-      {"X X ^ <x!", direct("relay-failed"), {}, "x"},
-      {"X X ^ # >lost x", direct("relay-failed"), {}, "", ""},
-      {"X X ^ w <unwritten", direct("relay-failed")},
-      {"X X ^ < >still >|", direct("relay-failed")},  // an empty receive stops only its direction
-      {"X X ~ +3600 ^ >late >|", direct("relay-failed")},  // a waiting dial is not a failed one
-      {"X X X", {"circuit:failure", "relay.failopen:relay-failed"}},
-      // A session ends once.
-      {kUp + ">GET >|", session({"relay.close"})},
-      {kUp + ">!", session({"relay.close"})},
+      {"^ +3 ^ >| <|", directSuspect("handshake-timeout"), {kTimeout, kDirect, kNoAck, kAlive}},
+      // One budget from the first dial covers the redial too.
+      {"+2 ~ +0.499 =0 +0.001 ^ >| <|",
+       directSuspect("handshake-timeout"),
+       {kRedialWaiting, kTimeout, kDirect, kAlive}},
+      // What follows the acknowledgement in the same read is the destination's first answer.
+      {"^ <HTTP/1.1_200_OK\r\n\r\n220_ready_ >QUIT >| <|", kCommitted, {}, "220 ready "},
+      // The direct leg passes each end on and ends once both sides have ended.
+      {"X X ^ >hello <reply >| <|", direct("relay-failed"), {}, "reply"},
+      {"X X ^ >| <late <|", direct("relay-failed"), {}, "late"},  // a reply after a half-close
+      {"X X ^ <reply <bye| >more >|", direct("relay-failed"), {}, "replybye"},
+      {"X X ~ +3600 ^ >late >| <|", direct("relay-failed")},  // a waiting dial is not a failed one
+      // A reset or error on one side resets the other.
+      {"X X ^ >!",
+       direct("relay-failed"),
+       {kRedialRefused, "on re-dial", kDirect,
+        "relay: agent side of 198.18.0.10:443 cut short (gone) — reset carried to the upstream"},
+       "",
+       nullptr,
+       false,
+       true},
+      {"X X ^ <x!",
+       direct("relay-failed"),
+       {kRedialRefused, "on re-dial", kDirect,
+        "relay: upstream side of 198.18.0.10:443 cut short (Connection reset by peer) — reset "
+        "carried to the agent"},
+       "x",
+       nullptr,
+       true},
+      {"X X ^ # >lost x", direct("relay-failed"), {}, "", "", true},
+      {"X X ^ w <unwritten", direct("relay-failed"), {}, "", nullptr, false, true},
+      {"X X ^ < >still >!", direct("relay-failed"), {}, "", nullptr, false, true},
+      {"X X X", {"circuit:failure", "relay.failopen:relay-failed"}, {}, "", "", true},
+      // A session passes each end on too: the agent's half-close still gets its answer, and the
+      // upstream's end after it concludes the relay, where before it, it cuts the relay short.
+      {kUp + ">GET >| <reply <|", kCommitted, {}, "reply"},
+      {kUp + "<H <| >more >|", kSevered, {}, "H"},
+      {kUp + "<HTTP/1.1_204| >|", kSevered, {}, "HTTP/1.1 204"},
+      {kUp + ">!", session({"relay.close"}), {}, "", nullptr, false, true},
+      {kUp + "<H <x!", kSevered, {}, "Hx", nullptr, true},
+      {kUp + "<H # >more x", kSevered, {}, "H", nullptr, true},
+      {kUp + "w <H", kCommitted, {}, "", nullptr, false, true},
       // Before the first response byte it fails over: the destination gets the replay, then what
-      // was held during the dial and the replay's send, then the rest.
-      {kUp + ">GET <| ^ >|", failedOver("passthrough_dial")},
-      {kUp + "<! ^ >|", failedOver("passthrough_dial")},
-      {kUp + "# >GET x ^ >|", failedOver("relay-write-failed")},
-      {kUp + ">early <| >held # ^ >during y >more @ >live >|", failedOver("passthrough_dial")},
-      {kUp + "<| ^ <reply <|", failedOver("passthrough_dial"), {}, "reply"},
-      {kUp + "<| ^ ~", failedOver("passthrough_dial")},
-      {kUp + ">a +19 >b +0.999 =1 +1.001 ^ >|", failedOver("ack-then-silence")},  // 20 s from start
-      {kUp + ">*131072 <| ^ >|", failedOver("passthrough_dial")},  // a replay of exactly the cap
-      {kUp + ">*131072 +25 ^ >|", failedOver("ack-then-silence")},
+      // was held during the dial and the replay's send, then the rest, then the agent's end.
+      {kUp + ">GET <| ^ >| <|", failedOver("passthrough_dial")},
+      {kUp + "<! ^ >| <|", failedOver("passthrough_dial")},
+      {kUp + "# >GET x ^ >| <|", failedOver("relay-write-failed")},
+      {kUp + ">early <| >held # ^ >during y >more @ >live >| <|", failedOver("passthrough_dial")},
+      {kUp + ">hello >| <! ^ <|", failedOver("passthrough_dial")},  // ended before the failover
+      // An end after the agent's own is the destination answering it, not the front door failing:
+      // a failover would send the request a second time.
+      {kUp + ">hello >| <|", session({"relay.close"})},
+      {kUp + ">hello <| >| ^ <|", failedOver("passthrough_dial")},  // and during it
+      {kUp + "<| ^ <reply <| >|", failedOver("passthrough_dial"), {}, "reply"},
+      {kUp + ">a +19 >b +0.999 =1 +1.001 ^ >| <|", failedOver("ack-then-silence")},  // 20 s
+      {kUp + ">*131072 <| ^ >| <|", failedOver("passthrough_dial")},  // a replay of exactly the cap
+      {kUp + ">*131072 +25 ^ >| <|", failedOver("ack-then-silence")},
       {kUp + ">*131073 <|", session({"relay.close"})},  // one byte more: nothing to replay
       {kUp + ">*131073 +25", session({"relay.close"})},
-      // A failover that cannot complete ends the session, without a retry.
-      {kUp + ">hello <| ~ +60", kFailoverFailed, {}, "", ""},
-      {kUp + ">hello <| X +60", kFailoverFailed, {}, "", ""},
-      {kUp + ">hello <| >| ^", kFailoverFailed, {}, "", ""},  // the agent left first
-      {kUp + ">hello <| # ^ x", kFailoverFailed, {}, "", ""},
-      {kUp + "<|", kFailoverFailed, {}, "", nullptr, "abc"},
-      {kUp + "<|", kFailoverFailed, {}, "", nullptr, "70000"},
-      // The first response byte commits the session to the front door.
-      {kUp + "<H <|", kSevered, {}, "H"},
-      {kUp + "<H # >more x", kSevered, {}, "H"},
-      {kUp + "<HTTP/1.1-204|", kCommitted, {}, "HTTP/1.1-204"},
-      {kUp + "w <H", kCommitted},
-      {kUp + "<H +299 >ping +299 =2 +2", kIdle, {}, "H"},  // 300 s without traffic either way
+      // A failover that cannot complete ends the session, without a retry, and resets the agent.
+      {kUp + ">hello <| ~ +60", kFailoverFailed, {}, "", "", true},
+      {kUp + ">hello <| X +60", kFailoverFailed, {}, "", "", true},
+      {kUp + ">hello <| # ^ x", kFailoverFailed, {}, "", "", true},
+      {kUp + "<| ^ ~", failedOver("passthrough_dial"), {}, "", nullptr, true},
+      // An agent reset during the dial ends the session and the dial with it.
+      {kUp + ">hello <| >!", kFailoverFailed, {}, "", ""},
+      // A target port that is no port ends it at once; the probe's answer comes after.
+      {kUp + "<|", kNoPortToFailOverTo, {}, "", nullptr, false, false, "abc"},
+      {kUp + "<|", kNoPortToFailOverTo, {}, "", nullptr, false, false, "70000"},
+      // After the first response byte, 300 s without traffic either way end the session.
+      {kUp + "<H +299 >ping +299 =2 +2", kIdle, {}, "H"},
       {kUp + "<H +299 <pong +299 =2 +2 +600", kIdle, {}, "Hpong"},  // and nothing after
       // Port texts the destination is dialled on as 443.
-      {"X X ^ >|", direct("relay-failed"), {}, "", nullptr, "00443"},
-      {"X X ^ >|", direct("relay-failed"), {}, "", nullptr, "+443"},
+      {"X X ^ >| <|", direct("relay-failed"), {}, "", nullptr, false, false, "00443"},
+      {"X X ^ >| <|", direct("relay-failed"), {}, "", nullptr, false, false, "+443"},
   };
-  out.push_back({.script = "^ >|",
+  out.push_back({.script = "^ >| <|",
                  .trail = {"relay.failopen:invalid-front-port", "relay.close"},
                  .logged = {"relay: invalid front-door port 0 — failing open", kDirect},
                  .frontDoorPort = 0});
@@ -141,6 +183,7 @@ TEST(RelayFlowTest, EachScriptedFlowEndsAsExpected) {
     EXPECT_EQ(h.context->trail(), c.trail);
     EXPECT_EQ(textOf(flow->written()), c.agentGot);
     EXPECT_TRUE(flow->readClosed() && flow->writeClosed());
+    EXPECT_EQ(flow->rejected(), 0u);
     EXPECT_EQ(h.context->retainedCount(), 0u);
     const std::string got(textOf(h.connections->made()[0]->sent()));
     EXPECT_TRUE(got.empty() || got.starts_with("CONNECT 198.18.0.10:" + c.port + kPreambleRest));
@@ -155,13 +198,13 @@ TEST(RelayFlowTest, EachScriptedFlowEndsAsExpected) {
       EXPECT_TRUE(conn->cancelled() || conn->state() == NWConnectionState::Kind::Failed);
     }
     const auto last = h.connections->last();
+    EXPECT_EQ(flow->writeReset(), c.agentReset);
+    EXPECT_EQ(last->reset(), c.upstreamReset);
+    // The agent's end reaches whichever connection carries the flow last, after its bytes.
+    EXPECT_EQ(last->writeShutDown(), c.script.find(">|") != std::string::npos);
     if (last->endpoint().port.rawValue() != RelayHarness::kFrontDoorPort) {
       EXPECT_EQ(last->endpoint().port.rawValue(), 443);
       EXPECT_EQ(textOf(last->sent()), c.destinationGot ? c.destinationGot : textOf(sent));
-      // The direct leg passes the agent's end on.
-      const auto ends = [&](const char* step) { return c.script.find(step) != std::string::npos; };
-      EXPECT_TRUE(h.context->count("retain") == 1 ||
-                  last->writeShutDown() == (ends(">|") || ends(">!")));
     }
     if (c.logged.empty()) continue;
     const auto lines = h.log->messages();
@@ -185,7 +228,7 @@ TEST(RelayFlowTest, AcknowledgementAtTheEndOfTheBudgetIsIgnored) {
       frontDoor->deliver(bytesOf(RelayHarness::kAck));
     });
     h.env->advance(5s);
-    EXPECT_EQ(h.context->trail(), (Trail{"circuit:failure", "relay.failopen:handshake-timeout"}))
+    EXPECT_EQ(h.context->trail(), (Trail{"relay.failopen:handshake-timeout", "circuit:success"}))
         << "seed " << seed;
   }
   EXPECT_GT(raced, 0) << "no seed queued the acknowledgement behind the budget";
@@ -211,6 +254,52 @@ TEST(RelayWatchdogTest, SlidesWithEachKickAndFiresOnceUnlessCancelled) {
   env->advance(60s);
   EXPECT_EQ(fired, 1);  // spent: kicks do nothing
   EXPECT_EQ(cancelledFired, 0);
+}
+
+}  // namespace
+}  // namespace tarnwick
+
+namespace tarnwick {
+namespace {
+
+// The provider goes away while the front door's acknowledgement is on its way, or before the
+// handshake fails open: nobody is left to keep a session or to dial for the flow, so both legs
+// are closed, silently, rather than left open with nothing to end them.
+TEST(RelayFlowTest, ProviderGoneDuringTheHandshakeClosesTheFlow) {
+  for (const std::string then : {"<HTTP/1.1_200_OK\r\n\r\nbanner", "<HTTP/1.1-407\r\n\r\n", "+3"}) {
+    SCOPED_TRACE(then);
+    RelayHarness h;
+    auto flow = h.relay();
+    play(h, *flow, "^");
+    std::weak_ptr<FakeRelayContext> context = h.context;
+    h.context.reset();
+    const auto frontDoor = h.connections->last();
+    if (then.starts_with('<')) frontDoor->deliver(bytesOf(then.substr(1)));
+    h.env->advance(10s);
+    EXPECT_TRUE(context.expired());
+    EXPECT_TRUE(flow->readClosed() && flow->writeClosed());
+    EXPECT_EQ(flow->written(), Bytes());
+    EXPECT_TRUE(frontDoor->cancelled());
+    EXPECT_EQ(h.connections->made().size(), 1u);  // no direct dial
+  }
+}
+
+// A session whose provider has gone is dropped with the provider's table: nothing it had pending
+// does anything any more.
+TEST(RelayFlowTest, ProviderGoneMidRelayLeavesNothingRunning) {
+  RelayHarness h;
+  auto flow = h.relay();
+  play(h, *flow, kUp + "<H");
+  std::weak_ptr<RelaySession> session = h.context->onlySession();
+  ASSERT_FALSE(session.expired());
+  h.context.reset();  // drops the table and with it the session
+  EXPECT_TRUE(session.expired());
+  flow->agentSends(bytesOf("x"));
+  h.connections->last()->deliver(bytesOf("y"));
+  h.env->advance(600s);
+  EXPECT_EQ(textOf(flow->written()), "H");
+  EXPECT_EQ(h.connections->made().size(), 1u);
+  EXPECT_EQ(h.probes->made().size(), 0u);
 }
 
 }  // namespace

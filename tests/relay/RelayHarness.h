@@ -45,6 +45,11 @@ class FakeRelayContext : public RelayContext {
   Trail trail() const { return copy(trail_); }
   std::size_t count(const std::string& entry) const { return std::ranges::count(trail(), entry); }
   std::size_t retainedCount() const { return copy(retained_).size(); }
+  // The one session the table holds, if exactly one.
+  std::shared_ptr<RelaySession> onlySession() const {
+    const auto retained = copy(retained_);
+    return retained.size() == 1 ? retained.begin()->second : nullptr;
+  }
 
  private:
   template <typename T>
@@ -72,9 +77,29 @@ inline Bytes patternBytes(std::size_t size, std::size_t offset = 0) {
   return out;
 }
 
+// How the front door answers a liveness probe.
+enum class ProbeAnswer { Healthy, Refused, Silent, Garbage };
+
+// Connections for liveness probes, each answered by `peer` as `answer` then says.
+inline std::shared_ptr<ScriptedConnectionFactory> answeredProbes(
+    std::function<ProbeAnswer()> answer, std::shared_ptr<DispatchQueue> peer) {
+  auto probes = std::make_shared<ScriptedConnectionFactory>();
+  probes->onMake = [answer = std::move(answer),
+                    peer = std::move(peer)](const std::shared_ptr<ScriptedConnection>& c) {
+    peer->async([c, how = answer()] {
+      if (how == ProbeAnswer::Refused) return c->fail(ECONNREFUSED);
+      c->becomeReady();
+      if (how == ProbeAnswer::Healthy) c->deliver(bytesOf("HTTP/1.1 200 OK\r\n\r\n"));
+      if (how == ProbeAnswer::Garbage) c->deliver(bytesOf("SSH-2.0-OpenSSH\r\n"));
+    });
+  };
+  return probes;
+}
+
 // One engine with a front door at 127.0.0.1:9000, on the simulated runtime, relaying flows to
 // 198.18.0.10:443 unless told otherwise. Connections are made in order: front-door attempts
-// first, then the direct connection.
+// first, then the direct connection. Liveness probes dial through a factory of their own and are
+// answered as `probeAnswer` says.
 class RelayHarness {
  public:
   static constexpr std::uint16_t kFrontDoorPort = 9000;
@@ -86,7 +111,7 @@ class RelayHarness {
         framework(env->makeQueue("framework", QualityOfService::Default)),
         connections(std::make_shared<ScriptedConnectionFactory>()),
         context(std::make_shared<FakeRelayContext>()),
-        engine(env, connections, context) {
+        engine(env, connections, context, {}, probes) {
     engine.setFrontDoor("127.0.0.1", kFrontDoorPort);
   }
 
@@ -102,10 +127,12 @@ class RelayHarness {
     }
   }
 
+  // An opened flow, as the engine is handed.
   std::shared_ptr<ScriptedTCPFlow> makeFlow(const FlowTarget& target = kTarget) {
     flows.push_back(
         std::make_shared<ScriptedTCPFlow>(framework, NEFlowMetaData{"/usr/bin/agent", std::nullopt},
                                           NWHostEndpoint{target.host, target.port}));
+    flows.back()->open(std::nullopt, [](std::optional<NEError>) {});
     return flows.back();
   }
 
@@ -122,6 +149,9 @@ class RelayHarness {
   std::shared_ptr<SimulatedRuntime> env;
   std::shared_ptr<DispatchQueue> framework;
   std::shared_ptr<ScriptedConnectionFactory> connections;
+  ProbeAnswer probeAnswer = ProbeAnswer::Healthy;
+  std::shared_ptr<ScriptedConnectionFactory> probes =
+      answeredProbes([this] { return probeAnswer; }, env->makeQueue("probe peer", {}));
   std::shared_ptr<FakeRelayContext> context;
   RelayEngine engine;
 };
@@ -131,7 +161,8 @@ class RelayHarness {
 // after each step:
 //   >text >*N >| >!  the agent sends text or N patterned bytes, ends its stream, or fails a read
 //   <text <| <!      the connection delivers text, ends, or resets; "<text|" is text with the
-//                    end, "<text!" text with a reset, a bare "<" an empty delivery
+//                    end, "<text!" text with a reset, a bare "<" an empty delivery; an "_" in a
+//                    text stands for a space
 //   ^ ~ X            the connection becomes ready, waits, or is refused
 //   # y x @          its sends wait; the oldest waiting one completes, or fails; they complete
 //                    on their own again
@@ -147,11 +178,13 @@ inline Bytes play(RelayHarness& h, ScriptedTCPFlow& flow, const std::string& scr
     const char k = step[0];
     const std::string arg = step.substr(1);
     const bool end = arg.ends_with('|'), reset = arg.ends_with('!');
-    const std::string text = end || reset ? arg.substr(0, arg.size() - 1) : arg;
+    std::string text = end || reset ? arg.substr(0, arg.size() - 1) : arg;
+    std::ranges::replace(text, '_', ' ');
     if (k == '>' && end) flow.agentEnds();
     if (k == '>' && reset) flow.agentFails({5, "gone"});
     if (k == '>' && !end && !reset) {
-      const Bytes b = arg.starts_with('*') ? patternBytes(std::stoul(arg.substr(1))) : bytesOf(arg);
+      const Bytes b =
+          arg.starts_with('*') ? patternBytes(std::stoul(arg.substr(1))) : bytesOf(text);
       sent.insert(sent.end(), b.begin(), b.end());
       flow.agentSends(b);
     }

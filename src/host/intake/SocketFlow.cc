@@ -16,8 +16,6 @@ constexpr std::size_t kReadChunkBytes = 256 * 1024;
 
 NEError errnoError(int code) { return {code, std::strerror(code)}; }
 
-NEError notOpenError() { return {ENOTCONN, "flow is not open"}; }
-
 }  // namespace
 
 std::shared_ptr<SocketFlow> SocketFlow::create(std::shared_ptr<HostLoop> loop, UniqueFd socket,
@@ -65,8 +63,9 @@ void SocketFlow::readData(ReadCompletion completion) {
   {
     MutexLock lock(mutex_);
     if (!opened_ || !socket_ || read_closed_ || pending_read_) {
-      out.push_back(
-          [completion = std::move(completion)] { completion(std::nullopt, notOpenError()); });
+      out.push_back([completion = std::move(completion)] {
+        completion(std::nullopt, flowNotReadableError());
+      });
     } else {
       pending_read_ = std::move(completion);
       // A socket the last read emptied is most likely still empty: wait for it instead.
@@ -85,7 +84,7 @@ void SocketFlow::write(Bytes data, WriteCompletion completion) {
   {
     MutexLock lock(mutex_);
     if (!opened_ || !socket_ || write_closed_) {
-      out.push_back([completion = std::move(completion)] { completion(notOpenError()); });
+      out.push_back([completion = std::move(completion)] { completion(flowNotWritableError()); });
     } else {
       pending_writes_.push_back({std::move(data), 0, std::move(completion)});
       if (pending_writes_.size() == 1) tryWriteLockHeld(out);

@@ -91,13 +91,22 @@ void AsioConnection::receive(std::size_t minimumIncompleteLength, std::size_t ma
   flushOutbox();
 }
 
-void AsioConnection::cancel() {
+void AsioConnection::cancel() { cancelWith(/*abortive=*/false); }
+
+void AsioConnection::forceCancel() { cancelWith(/*abortive=*/true); }
+
+// An abortive close lingers for no time, so closing the socket sends a reset.
+void AsioConnection::cancelWith(bool abortive) {
   StateHandler dropped;
   {
     MutexLock lock(mutex_);
     if (state_ == Kind::Cancelled) return;
     const bool wasReady = state_ == Kind::Ready;
     state_ = Kind::Cancelled;
+    if (abortive && socket_.is_open()) {
+      asio::error_code ignored;
+      socket_.set_option(asio::socket_base::linger(true, 0), ignored);
+    }
     stopSocketLocked();
     abandonPendingLocked(wasReady);
     if (queue_) {

@@ -48,6 +48,7 @@ class AsioConnection : public NWConnection, public std::enable_shared_from_this<
   void receive(std::size_t minimumIncompleteLength, std::size_t maximumLength,
                ReceiveCompletion completion) override;
   void cancel() override;
+  void forceCancel() override;
 
  private:
   using Kind = NWConnectionState::Kind;
@@ -78,6 +79,7 @@ class AsioConnection : public NWConnection, public std::enable_shared_from_this<
   void onConnectTimeout(const asio::error_code& error);
   void becomeReadyLocked() TW_REQUIRES(mutex_);
   void failLocked(NWError error) TW_REQUIRES(mutex_);
+  void cancelWith(bool abortive) TW_EXCLUDES(mutex_);
   void stopSocketLocked() TW_REQUIRES(mutex_);
 
   // Sending and receiving (AsioConnectionData.cc).

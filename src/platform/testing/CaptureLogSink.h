@@ -50,8 +50,7 @@ class CaptureLogSink : public LogSink {
 
 class ScopedLogCapture {
  public:
-  ScopedLogCapture()
-      : sink_(std::make_shared<CaptureLogSink>()), previous_(setLogSink(sink_)) {}
+  ScopedLogCapture() : sink_(std::make_shared<CaptureLogSink>()), previous_(setLogSink(sink_)) {}
   ~ScopedLogCapture() { setLogSink(previous_); }
   ScopedLogCapture(const ScopedLogCapture&) = delete;
   ScopedLogCapture& operator=(const ScopedLogCapture&) = delete;

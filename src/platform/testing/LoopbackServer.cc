@@ -7,9 +7,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 namespace tarnwick {
 namespace {
@@ -55,7 +57,9 @@ bool waitReadable(int fd) {
 
 }  // namespace
 
-LoopbackServer::Peer::~Peer() { ::close(fd_); }
+LoopbackServer::Peer::~Peer() {
+  if (fd_ >= 0) ::close(fd_);
+}
 
 std::string LoopbackServer::Peer::readSome(std::size_t count) {
   if (sawEnd_ || !waitReadable(fd_)) return {};
@@ -63,10 +67,17 @@ std::string LoopbackServer::Peer::readSome(std::size_t count) {
   const ssize_t got = ::recv(fd_, out.data(), count, 0);
   if (got <= 0) {
     sawEnd_ = got == 0;
+    sawReset_ = got < 0 && errno == ECONNRESET;
     return {};
   }
   out.resize(static_cast<std::size_t>(got));
   return out;
+}
+
+void LoopbackServer::Peer::reset() {
+  const linger abortive{1, 0};
+  ::setsockopt(fd_, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
+  ::close(std::exchange(fd_, -1));
 }
 
 std::string LoopbackServer::Peer::read(std::size_t count) {

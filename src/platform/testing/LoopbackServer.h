@@ -40,15 +40,20 @@ class LoopbackServer {
     std::string readToEnd();
     // True once the client has ended its stream (the next read finds the end).
     bool sawEnd() const { return sawEnd_; }
+    // True once a read found the connection reset by the client.
+    bool sawReset() const { return sawReset_; }
     void write(std::string_view bytes);
     void shutdownWrite();
+    // Aborts the connection: the client sees a reset. Nothing more may be done with this peer.
+    void reset();
 
    private:
     // One read of at most `count` bytes; empty at the end, on an error or when patience runs out.
     std::string readSome(std::size_t count);
 
-    const int fd_;
+    int fd_;  // -1 once reset
     bool sawEnd_ = false;
+    bool sawReset_ = false;
   };
 
   // `address` is "127.0.0.1" or "::1"; the kernel picks the port.

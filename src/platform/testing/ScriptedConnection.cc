@@ -53,9 +53,8 @@ void ScriptedConnection::receive(std::size_t, std::size_t maximumLength,
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (state_ == Kind::Cancelled || state_ == Kind::Failed) {
-      work.push_back([completion] {
-        completion(std::nullopt, false, NWError::fromErrno(ECANCELED));
-      });
+      work.push_back(
+          [completion] { completion(std::nullopt, false, NWError::fromErrno(ECANCELED)); });
     } else {
       receives_.push_back({maximumLength, std::move(completion)});
       pumpLocked(work);
@@ -75,6 +74,15 @@ void ScriptedConnection::cancel() {
     work.push_back(stateDelivery(NWConnectionState::of(Kind::Cancelled)));
   }
   run(work);
+}
+
+void ScriptedConnection::forceCancel() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (state_ == Kind::Cancelled) return;
+    reset_ = true;
+  }
+  cancel();
 }
 
 void ScriptedConnection::moveTo(NWConnectionState state) {
@@ -222,6 +230,10 @@ bool ScriptedConnection::started() const {
 bool ScriptedConnection::cancelled() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return state_ == Kind::Cancelled;
+}
+bool ScriptedConnection::reset() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return reset_;
 }
 Kind ScriptedConnection::state() const {
   std::lock_guard<std::mutex> lock(mutex_);

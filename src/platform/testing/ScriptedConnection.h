@@ -26,6 +26,7 @@ class ScriptedConnection : public NWConnection,
   void receive(std::size_t minimumIncompleteLength, std::size_t maximumLength,
                ReceiveCompletion completion) override;
   void cancel() override;
+  void forceCancel() override;
 
   // The test's side. Each call posts the resulting callbacks to the start() queue.
   void moveTo(NWConnectionState state);
@@ -48,6 +49,8 @@ class ScriptedConnection : public NWConnection,
   bool writeShutDown() const;
   bool started() const;
   bool cancelled() const;
+  // Cancelled by forceCancel(): the peer would have seen a reset.
+  bool reset() const;
   NWConnectionState::Kind state() const;
   std::size_t pendingReceives() const;
   std::size_t pendingSends() const;
@@ -82,6 +85,7 @@ class ScriptedConnection : public NWConnection,
   bool autoComplete_ = true;
   bool everReady_ = false;
   bool writeShutDown_ = false;
+  bool reset_ = false;
   Bytes sent_;
   std::deque<PendingSend> sends_;
   std::deque<PendingReceive> receives_;

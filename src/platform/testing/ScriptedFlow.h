@@ -6,6 +6,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "platform/Dispatch.h"
 #include "platform/NetworkExtension.h"
@@ -18,7 +19,7 @@ class ScriptedTCPFlow : public NEAppProxyTCPFlow,
   ScriptedTCPFlow(std::shared_ptr<DispatchQueue> frameworkQueue, NEFlowMetaData metaData,
                   std::optional<NWHostEndpoint> remote);
 
-  // NEAppProxyTCPFlow.
+  // NEAppProxyTCPFlow, as strict as the socket-backed flow: see NetworkExtension.h.
   void open(std::optional<NWHostEndpoint> localEndpoint, OpenCompletion completion) override;
   NEFlowMetaData metaData() const override { return metaData_; }
   void readData(ReadCompletion completion) override;
@@ -30,6 +31,7 @@ class ScriptedTCPFlow : public NEAppProxyTCPFlow,
   // The agent's side.
   void setOpenError(std::optional<NEError> error);
   void agentSends(Bytes data);
+  // Ends the agent's stream: this read and every later one deliver no bytes.
   void agentEnds();
   void agentFails(NEError error);
   // While set, every write to the agent completes with this error.
@@ -39,13 +41,20 @@ class ScriptedTCPFlow : public NEAppProxyTCPFlow,
   bool opened() const;
   bool readClosed() const;
   bool writeClosed() const;
+  // The write side was closed with an error: the agent would have seen a reset.
+  bool writeReset() const;
   std::size_t pendingReads() const;
+  // Calls the socket-backed flow would have failed: a read or write before open, a second read
+  // while one is pending, a read after closeRead, a write after closeWrite. Each is a bug of the
+  // caller.
+  std::size_t rejected() const;
 
  private:
   struct Delivery {
     std::optional<Bytes> data;
     std::optional<NEError> error;
   };
+  void push(Delivery delivery);
   void pumpLocked(std::vector<Work>& out);
   void post(std::vector<Work>& work);
 
@@ -58,8 +67,11 @@ class ScriptedTCPFlow : public NEAppProxyTCPFlow,
   bool opened_ = false;
   bool readClosed_ = false;
   bool writeClosed_ = false;
+  bool writeReset_ = false;
+  bool ended_ = false;  // the agent's end of stream was read
+  std::size_t rejected_ = 0;
   Bytes written_;
-  std::deque<ReadCompletion> reads_;
+  ReadCompletion read_;
   std::deque<Delivery> deliveries_;
 };
 

@@ -100,8 +100,8 @@ class SimulatedTimer : public DispatchTimer, public std::enable_shared_from_this
     } else {
       scheduled_ = false;
     }
-    return [weak = weak_from_this()] {
-      if (auto self = weak.lock()) self->fire();
+    return [weak = weak_from_this(), generation] {
+      if (auto self = weak.lock()) self->fire(generation);
     };
   }
 
@@ -112,11 +112,12 @@ class SimulatedTimer : public DispatchTimer, public std::enable_shared_from_this
     runtime.delayed_.emplace(std::make_pair(at, runtime.sequence_++), std::move(delayed));
   }
 
-  void fire() {
+  // A schedule() since this firing was queued replaced it: the new deadline stands.
+  void fire(std::uint64_t generation) {
     Work handler;
     if (auto runtime = runtime_.lock()) {
       std::lock_guard<std::mutex> lock(runtime->mutex_);
-      if (cancelled_) return;
+      if (cancelled_ || generation != generation_) return;
       handler = handler_;
     }
     if (handler) handler();

@@ -1,0 +1,32 @@
+#include "relay/RelayEnding.h"
+
+#include <cerrno>
+
+#include "platform/Log.h"
+
+namespace tarnwick {
+
+NEError relayResetError() { return {ECONNRESET, "reset carried from the other side"}; }
+
+void closeLegs(const RelayEnding& ending, NEAppProxyTCPFlow& flow, NWConnection& upstream,
+               const FlowTarget& target) {
+  using Kind = RelayEnding::Kind;
+  if (ending.kind != Kind::Clean) {
+    const bool agentCut = ending.kind == Kind::AgentCut;
+    proxyLog().error(
+        "relay: %{public}s side of %{public}s:%{public}s cut short (%{public}s) — reset carried "
+        "to the %{public}s",
+        agentCut ? "agent" : "upstream", target.host, target.port, ending.detail,
+        agentCut ? "upstream" : "agent");
+  }
+  if (ending.kind == Kind::AgentCut) {
+    upstream.forceCancel();
+  } else {
+    upstream.cancel();
+  }
+  flow.closeReadWithError(std::nullopt);
+  flow.closeWriteWithError(
+      ending.kind == Kind::UpstreamCut ? std::optional<NEError>(relayResetError()) : std::nullopt);
+}
+
+}  // namespace tarnwick
