@@ -35,7 +35,7 @@ class FrontDoorEndingTest : public ::testing::TestWithParam<EndingCase> {};
 // side must see that very ending, ten times in a row.
 TEST_P(FrontDoorEndingTest, CarriesEachEndingToTheOtherSide) {
   const EndingCase& param = GetParam();
-  Destination destination;
+  ManualDestination destination;
   RunningFrontDoor frontDoor({.listen = {"127.0.0.1", 0}});
   constexpr int kRounds = 10;
   for (int round = 0; round < kRounds; ++round) {
@@ -88,7 +88,7 @@ tcp_info tcpInfo(const UniqueFd& fd) {
 // has then ended both ways at the front door, with part of the answer still to come out of it.
 // That is no failure: the rest of the answer and its end reach the client once it reads.
 TEST(FrontDoorEndingTest, HalfClosedSocketWaitsUntilTheOtherSideTakesWhatItSent) {
-  Destination destination;
+  ManualDestination destination;
   RunningFrontDoor frontDoor({.listen = {"127.0.0.1", 0}});
   UniqueFd client = connectTo(frontDoor.address(), [](int fd) { setReceiveBuffer(fd, 4096); });
   sendAll(client, "CONNECT " + destination.authority() + " HTTP/1.1\r\n\r\n");

@@ -71,17 +71,17 @@ void setPatience(int fd) {
 
 }  // namespace
 
-Destination::Destination() {
+ManualDestination::ManualDestination() {
   std::string error;
   listener_ = bindTcpSocket(*literalAddress("127.0.0.1", 0), error);
   if (!listener_ || ::listen(listener_.get(), SOMAXCONN) != 0) ADD_FAILURE() << "dest: " << error;
 }
 
-std::string Destination::authority() const {
+std::string ManualDestination::authority() const {
   return formatAddress(localAddress(listener_.get()).value_or(SocketAddress{}));
 }
 
-UniqueFd Destination::accept() {
+UniqueFd ManualDestination::accept() {
   pollfd ready{listener_.get(), POLLIN, 0};
   if (::poll(&ready, 1, static_cast<int>(kPatience.count() * 1000)) != 1) return UniqueFd();
   UniqueFd fd(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));

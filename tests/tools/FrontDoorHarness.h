@@ -56,9 +56,9 @@ class EchoServer {
 inline constexpr std::chrono::seconds kPatience{5};
 
 // A listener on 127.0.0.1 whose connections the test accepts itself, one by one.
-class Destination {
+class ManualDestination {
  public:
-  Destination();
+  ManualDestination();
   std::string authority() const;  // "127.0.0.1:PORT"
   // The oldest waiting connection, blocking; invalid after kPatience without one.
   UniqueFd accept();

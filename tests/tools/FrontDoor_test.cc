@@ -142,7 +142,8 @@ TEST(FrontDoorTest, BurstOfConnectsIsServedWhole) {
   }
   limit.rlim_cur = std::max(limit.rlim_cur, kDescriptors);
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-  Destination destination;  // the kernel completes the front door's dials; nobody accepts them
+  // The kernel completes the front door's dials; nobody accepts them.
+  ManualDestination destination;
   RunningFrontDoor frontDoor({.listen = {"127.0.0.1", 0}});
   std::vector<UniqueFd> clients;
   for (std::size_t i = 0; i < kBurst; ++i) {
