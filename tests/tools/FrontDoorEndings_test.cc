@@ -7,13 +7,13 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <cstddef>
+
 #include "FrontDoorHarness.h"
 #include "platform/posix/Sockets.h"
 
 namespace tarnwick::frontdoor {
 namespace {
-
-using namespace std::chrono_literals;
 
 const std::string kAck = "HTTP/1.1 200 Connection established\r\n\r\n";
 
@@ -76,11 +76,19 @@ INSTANTIATE_TEST_SUITE_P(
 // The kernel's TCP_CLOSE state: the socket's end has been acknowledged after the peer's.
 constexpr std::uint8_t kTcpClosed = 7;
 
-tcp_info tcpInfo(const UniqueFd& fd) {
+// The socket's TCP_INFO; `reported` takes how much of it this kernel fills in.
+tcp_info tcpInfo(const UniqueFd& fd, socklen_t* reported = nullptr) {
   tcp_info info{};
   socklen_t length = sizeof info;
   ::getsockopt(fd.get(), IPPROTO_TCP, TCP_INFO, &info, &length);
+  if (reported != nullptr) *reported = length;
   return info;
+}
+
+bool reportsPeerWindow(const UniqueFd& fd) {
+  socklen_t reported = 0;
+  const tcp_info info = tcpInfo(fd, &reported);
+  return reported >= offsetof(tcp_info, tcpi_snd_wnd) + sizeof info.tcpi_snd_wnd;
 }
 
 // After the client has half-closed, the destination answers at length and ends while the client
@@ -97,8 +105,9 @@ TEST(FrontDoorEndingTest, HalfClosedSocketWaitsUntilTheOtherSideTakesWhatItSent)
   ::shutdown(client.get(), SHUT_WR);
   ASSERT_EQ(readToEnd(upstream), "|end");
   // Piece by piece, each taken in by the front door's socket before the next: once the window
-  // the front door offers has shrunk by several pieces, it has stopped reading, which it does
-  // only while it holds bytes the client has no room for.
+  // the front door offers has shrunk by two pieces, it has stopped reading, which it does only
+  // while it holds bytes the client has no room for.
+  if (!reportsPeerWindow(upstream)) GTEST_SKIP() << "this kernel does not report the peer's window";
   constexpr std::size_t kPiece = 64 * 1024;
   const std::string answer = patternBytes(64 << 20);
   std::size_t sent = 0;
