@@ -1,5 +1,6 @@
 // Events per second through the daemon bridge on the real runtime into a reader on a real Unix
-// socket, plus the per-event costs on the bridge queue: framing a line and cutting daemon lines.
+// socket, plus the per-event costs on the bridge queue: framing a line and cutting daemon lines;
+// and a daemon pushing policies faster than they are handled, with the memory that costs.
 
 #include <benchmark/benchmark.h>
 #include <sys/socket.h>
@@ -11,6 +12,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <thread>
 
@@ -18,6 +20,7 @@
 #include "bridge/EventLine.h"
 #include "bridge/LineBuffer.h"
 #include "platform/Log.h"
+#include "policy/EnforcementPolicy.h"
 
 namespace tarnwick {
 namespace {
@@ -33,18 +36,24 @@ class DiscardLogSink : public LogSink {
   void write(const LogRecord&) override {}
 };
 
+// The daemon's listening socket at `path`.
+int listenUnix(const std::string& path) {
+  const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, path.data(), path.size());
+  if (::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+      ::listen(listener, 4) != 0) {
+    std::abort();
+  }
+  return listener;
+}
+
 // The daemon's side: accepts one connection and counts the lines it reads, on its own thread.
 class CountingReader {
  public:
   explicit CountingReader(const std::string& path) {
-    listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.data(), path.size());
-    if (::bind(listener_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-        ::listen(listener_, 4) != 0) {
-      std::abort();
-    }
+    listener_ = listenUnix(path);
     thread_ = std::thread([this] { run(); });
   }
   ~CountingReader() {
@@ -122,6 +131,75 @@ void BM_BridgeEventsToDaemon(benchmark::State& state) {
   setLogSink(previousSink);
 }
 BENCHMARK(BM_BridgeEventsToDaemon)->Arg(0)->Arg(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+// A kernel-reported figure of this process from /proc/self/status, in KiB.
+long statusKiB(const std::string& key) {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with(key + ":")) return std::stol(line.substr(key.size() + 1));
+  }
+  return 0;
+}
+
+// A daemon that, once the bridge connects, pushes range(0) MiB of 64 KiB policy lines as fast as
+// its socket takes them. Reports the bytes handled per second and how far this process's resident
+// memory rose above where it stood (peak_rss_rise_MiB): bounded by the inbound limit, not by what
+// the daemon pushes.
+void BM_DaemonPushesFasterThanHandled(benchmark::State& state) {
+  auto previousSink = setLogSink(std::make_shared<DiscardLogSink>());
+  char dir[] = "/tmp/twb-bench-XXXXXX";
+  if (!::mkdtemp(dir)) std::abort();
+  const std::string path = std::string(dir) + "/ne.sock";
+  const std::string line =
+      R"({"kind":"policy.push","agents":{},"pad":")" + std::string(64 * 1024 - 48, 'p') + "\"}\n";
+  const std::size_t lines = static_cast<std::size_t>(state.range(0)) * 16;
+  double peakRise = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    const int listener = listenUnix(path);
+    std::atomic<std::size_t> handled{0};
+    DaemonBridge::Options options;
+    options.policySink = [&](const Json& document) {
+      EnforcementPolicy::shared().update(document);
+      handled.fetch_add(1, std::memory_order_release);
+    };
+    std::ofstream("/proc/self/clear_refs") << "5";  // the peak starts from here
+    const long before = statusKiB("VmRSS");
+    state.ResumeTiming();
+    auto bridge = DaemonBridge::create(realRuntime(), path, options);
+    bridge->adoptPath(path, true);
+    std::thread daemon([&] {
+      const int connection = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+      for (std::size_t i = 0; i < lines && connection >= 0; ++i) {
+        std::string_view rest = line;
+        while (!rest.empty()) {
+          const ssize_t n = ::send(connection, rest.data(), rest.size(), MSG_NOSIGNAL);
+          if (n <= 0) break;
+          rest.remove_prefix(static_cast<std::size_t>(n));
+        }
+      }
+      if (connection >= 0) ::close(connection);
+    });
+    const bool done = waitUntil([&] { return handled.load(std::memory_order_acquire) == lines; });
+    state.PauseTiming();
+    daemon.join();
+    bridge.reset();
+    ::close(listener);
+    ::unlink(path.c_str());
+    peakRise = std::max(peakRise, (statusKiB("VmHWM") - before) / 1024.0);
+    if (!done) state.SkipWithError("lines were lost");
+    state.ResumeTiming();
+  }
+  ::rmdir(dir);
+  setLogSink(previousSink);
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * lines * line.size()));
+  state.counters["peak_rss_rise_MiB"] = peakRise;
+}
+BENCHMARK(BM_DaemonPushesFasterThanHandled)
+    ->Arg(256)
+    ->Iterations(2)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 void BM_EventLineFrame(benchmark::State& state) {
   const Json event = relayOpenEvent();

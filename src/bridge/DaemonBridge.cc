@@ -50,7 +50,7 @@ DaemonBridge::DaemonBridge(std::shared_ptr<Runtime> runtime, std::string socketP
     : runtime_(std::move(runtime)),
       options_(std::move(options)),
       socket_path_(std::move(socketPath)),
-      queue_(runtime_->makeQueue(kQueueLabel, QualityOfService::Default)),
+      queue_(runtime_->makeQueue(kQueueLabel, QualityOfService::Default, QueueKind::OffLane)),
       read_queue_(
           runtime_->makeQueue(kReadQueueLabel, QualityOfService::Default, QueueKind::Blocking)) {
   if (!options_.policySink) {
@@ -62,8 +62,9 @@ DaemonBridge::DaemonBridge(std::shared_ptr<Runtime> runtime, std::string socketP
 
 DaemonBridge::~DaemonBridge() {
   // The read loop's queue is joined when it is destroyed below; ending the connection first is
-  // what lets a read blocked on it return.
-  if (output_stream_) output_stream_->close();
+  // what lets a read blocked on it, or a wait for room, return. No work of the bridge queue can
+  // reach the bridge any more, so its fields are the destructor's.
+  closeStreamLocked();
 }
 
 DaemonBridge::ResolvedSocket DaemonBridge::resolveSocket(const std::optional<Json>& fromConfig) {
@@ -105,10 +106,30 @@ void DaemonBridge::reconnect(std::string to) {
 }
 
 void DaemonBridge::send(Json event) {
+  if (pending_events_.fetch_add(1, std::memory_order_relaxed) >= kMaxPendingEvents) {
+    pending_events_.fetch_sub(1, std::memory_order_relaxed);
+    dropped_events_.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
   // The hottest path: one closure, without onQueue's second wrapper.
   queue_->async([weak = weak_from_this(), event = std::move(event)] {
-    if (auto self = weak.lock()) self->sendLocked(event);
+    if (auto self = weak.lock()) {
+      self->pending_events_.fetch_sub(1, std::memory_order_relaxed);
+      self->reportDroppedEventsLocked();
+      self->sendLocked(event);
+    }
   });
+}
+
+void DaemonBridge::reportDroppedEventsLocked() {
+  const std::int64_t dropped = dropped_events_.exchange(0, std::memory_order_relaxed);
+  if (dropped == 0) return;
+  netLog().error("bridge: dropped %ld events — %ld were already waiting to be written", dropped,
+                 static_cast<std::int64_t>(kMaxPendingEvents));
+}
+
+std::size_t DaemonBridge::inboundPeakBytesForTest() const {
+  return inbound_ ? inbound_->peakBytes() : 0;
 }
 
 void DaemonBridge::recordCommittedSeverIfUnhealthy() {
@@ -122,6 +143,8 @@ bool DaemonBridge::streamOpenLocked() const {
 void DaemonBridge::closeStreamLocked() {
   if (output_stream_) output_stream_->close();
   output_stream_.reset();
+  if (inbound_) inbound_->close();
+  inbound_.reset();
 }
 
 void DaemonBridge::switchPathLocked(std::string path) {
@@ -237,22 +260,27 @@ void DaemonBridge::flushSeversLocked() {
 }
 
 void DaemonBridge::startReadLoop(std::shared_ptr<NativeSocket> socket) {
+  inbound_ = std::make_shared<InboundBacklog>();
   // The loop never holds the bridge itself, so the bridge is never destroyed on the read queue.
-  read_queue_->async([weak = weak_from_this(), queue = queue_, socket = std::move(socket)] {
-    std::array<std::uint8_t, kReadChunkBytes> chunk{};
-    for (;;) {
-      const std::int64_t n = socket->receive(chunk.data(), chunk.size());
-      if (n <= 0) return;
-      if (weak.expired()) continue;
-      ingest(weak, queue, Bytes(chunk.begin(), chunk.begin() + n));
-    }
-  });
+  read_queue_->async(
+      [weak = weak_from_this(), queue = queue_, backlog = inbound_, socket = std::move(socket)] {
+        std::array<std::uint8_t, kReadChunkBytes> chunk{};
+        while (backlog->waitForRoom()) {
+          const std::int64_t n = socket->receive(chunk.data(), chunk.size());
+          if (n <= 0) return;
+          if (weak.expired()) continue;
+          ingest(weak, queue, backlog, Bytes(chunk.begin(), chunk.begin() + n));
+        }
+      });
 }
 
 void DaemonBridge::ingest(const std::weak_ptr<DaemonBridge>& weak,
-                          const std::shared_ptr<DispatchQueue>& queue, Bytes chunk) {
-  queue->async([weak, chunk = std::move(chunk)] {
+                          const std::shared_ptr<DispatchQueue>& queue,
+                          const std::shared_ptr<InboundBacklog>& backlog, Bytes chunk) {
+  backlog->add(chunk.size());
+  queue->async([weak, backlog, chunk = std::move(chunk)] {
     if (auto self = weak.lock()) self->ingestLocked(chunk);
+    backlog->release(chunk.size());
   });
 }
 

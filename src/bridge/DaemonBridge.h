@@ -4,11 +4,16 @@
 //
 // Process-wide (shared()); tests make their own with create(). Every public operation may be
 // called from any thread, returns at once and never reports a failure: the work runs on the
-// serial bridge queue, which owns every field (there is no lock), and failures end in a log line
-// on netLog and, for the connection, one retry 2 seconds later. The blocking read loop runs on a
-// queue of its own and hands what it reads back to the bridge queue. Every closure holds the
+// serial bridge queue, which owns every field but the two counters of send() (there is no lock),
+// and failures end in a log line on netLog and, for the connection, one retry 2 seconds later.
+// The bridge queue is an off-lane queue: its blocking connect and writes (up to the send timeout
+// each) never hold up a thread that carries flows. At most kMaxPendingEvents events wait for it;
+// more are dropped at once rather than making their producer wait or the queue grow without end.
+// The blocking read loop runs on a queue of its own and hands what it reads back to the bridge
+// queue, pausing while InboundBacklog::kLimitBytes of it wait there. Every closure holds the
 // bridge weakly and does nothing once it is gone.
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -16,6 +21,7 @@
 #include <string>
 
 #include "bridge/DaemonChannel.h"
+#include "bridge/InboundBacklog.h"
 #include "bridge/LineBuffer.h"
 #include "platform/Bytes.h"
 #include "platform/Dispatch.h"
@@ -34,6 +40,9 @@ class DaemonBridge : public DaemonChannel, public std::enable_shared_from_this<D
   // Bounds how long one event's write can hold the bridge queue when the daemon stops reading.
   static constexpr Duration kSendTimeout = std::chrono::milliseconds(250);
   static constexpr std::size_t kReadChunkBytes = 4096;
+  // Events handed to send() and not yet written or dropped. Far more than a burst of flows
+  // produces; a daemon that reads this slowly loses the excess, with a log line.
+  static constexpr std::size_t kMaxPendingEvents = 16384;
 
   struct Options {
     Duration reconnectDelay = kReconnectDelay;
@@ -73,6 +82,10 @@ class DaemonBridge : public DaemonChannel, public std::enable_shared_from_this<D
   // Counts a committed relay's sever when there is no open connection, for the next one.
   void recordCommittedSeverIfUnhealthy() override;
 
+  // The most inbound bytes that waited at once on the current connection. The bridge queue's own
+  // thread only (a simulated runtime's test thread).
+  std::size_t inboundPeakBytesForTest() const;
+
  private:
   DaemonBridge(std::shared_ptr<Runtime> runtime, std::string socketPath, Options options);
 
@@ -86,11 +99,13 @@ class DaemonBridge : public DaemonChannel, public std::enable_shared_from_this<D
   void openLocked();
   void scheduleReconnect();
   void sendLocked(const Json& event);
+  void reportDroppedEventsLocked();
   void flushSeversLocked();
   void recordSeverLocked();
   void startReadLoop(std::shared_ptr<NativeSocket> socket);
   static void ingest(const std::weak_ptr<DaemonBridge>& weak,
-                     const std::shared_ptr<DispatchQueue>& queue, Bytes chunk);
+                     const std::shared_ptr<DispatchQueue>& queue,
+                     const std::shared_ptr<InboundBacklog>& backlog, Bytes chunk);
   void ingestLocked(const Bytes& chunk);
   void handleInboundLine(std::string_view line);
   std::int64_t currentTimestampNs() const;
@@ -99,6 +114,8 @@ class DaemonBridge : public DaemonChannel, public std::enable_shared_from_this<D
   Options options_;
   std::string socket_path_;
   std::unique_ptr<OutputStream> output_stream_;
+  // The current connection's; closed with it, which ends a read loop waiting for room.
+  std::shared_ptr<InboundBacklog> inbound_;
   const std::shared_ptr<DispatchQueue> queue_;
   const std::shared_ptr<DispatchQueue> read_queue_;
   LineBuffer read_buffer_;
@@ -106,6 +123,9 @@ class DaemonBridge : public DaemonChannel, public std::enable_shared_from_this<D
   bool logged_first_send_ = false;
   bool has_config_path_ = false;
   std::int64_t sever_pending_ = 0;
+  // Touched by send() on its callers' threads.
+  std::atomic<std::size_t> pending_events_{0};
+  std::atomic<std::int64_t> dropped_events_{0};
 };
 
 }  // namespace tarnwick

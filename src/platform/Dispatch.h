@@ -1,7 +1,8 @@
 #pragma once
 // Serial queues, delayed work and timer sources, behind one interface with two back ends: the
-// real one (Asio strands over a small thread pool, plus a thread of its own for a queue that runs
-// blocking work) and the simulated one in platform/testing (virtual clocks, seeded order).
+// real one (Asio strands over a small thread pool, a thread beside them for off-lane queues, and a
+// thread of its own for a queue that runs blocking work) and the simulated one in
+// platform/testing (virtual clocks, seeded order).
 //
 // Contracts common to both back ends:
 // - Work given to one serial queue runs one item at a time, in the order it was given.
@@ -29,6 +30,10 @@ enum class QueueKind {
   // Serial queue with a thread of its own, for work that blocks (a blocking read loop), so a
   // blocked item never stalls another queue. It accepts async() only.
   Blocking,
+  // Serial queue on a thread beside the lanes that carry flows, for work that may block for a
+  // bounded while (a socket write with a send timeout): it never holds up a flow. Offers delayed
+  // work and timers as Serial does. Such queues share their thread.
+  OffLane,
 };
 
 // A one-shot or repeating timer on a queue, created suspended (the platform's timer source).

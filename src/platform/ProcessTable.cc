@@ -157,9 +157,9 @@ std::optional<ProcessSnapshot> ProcessDirectory::snapshot() const {
   return ProcessSnapshot{*stat, *credentials, readExecutableIn(fd_)};
 }
 
-std::optional<std::string> ProcessDirectory::executable() const { return readExecutableIn(fd_); }
-
 std::optional<ProcessStat> ProcessDirectory::stat() const { return readStatIn(fd_); }
+
+std::optional<std::string> ProcessDirectory::executable() const { return readExecutableIn(fd_); }
 
 std::optional<FileIdentity> ProcessDirectory::executableFile() const {
   struct stat file {};

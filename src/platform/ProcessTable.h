@@ -56,7 +56,8 @@ struct ProcessSnapshot {
 // An open /proc/PID directory. Every record read through it belongs to the very process it was
 // opened for: a reused PID gets a directory of its own, and this one reads nothing once its
 // process has gone. So the records need no second look at the start time, and a kept directory
-// tells cheaply whether its process still runs.
+// tells cheaply whether its process still runs. Each one holds a descriptor: whoever keeps them
+// keeps only a few, and lets go of those whose process has gone.
 class ProcessDirectory {
  public:
   // Invalid when the process cannot be inspected.

@@ -4,16 +4,19 @@
 #include "bridge/DaemonBridge.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
 #include <filesystem>
+#include <future>
 #include <limits>
 #include <thread>
 
 #include "DaemonServer.h"
 #include "bridge/LineBuffer.h"
 #include "platform/HomeDirectory.h"
+#include "platform/IoLane.h"
 #include "platform/posix/UniqueFd.h"
 #include "platform/testing/CaptureLogSink.h"
 #include "platform/testing/CaseName.h"
@@ -38,6 +41,21 @@ UniqueFd listenAt(const std::string& path) {
 // The oldest pending connection, or an invalid one.
 UniqueFd acceptOne(const UniqueFd& listener) {
   return UniqueFd(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+}
+
+// The oldest pending connection, once there is one (or an invalid one after 5 s).
+UniqueFd acceptWaiting(const UniqueFd& listener) {
+  pollfd ready{listener.get(), POLLIN, 0};
+  ::poll(&ready, 1, 5000);
+  return acceptOne(listener);
+}
+
+void sendAll(const UniqueFd& fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t n = ::send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (n <= 0) return;
+    bytes.remove_prefix(static_cast<std::size_t>(n));
+  }
 }
 
 std::string drain(const UniqueFd& fd) {
@@ -67,9 +85,9 @@ class BridgeTest : public ::testing::Test {
   }
   ~BridgeTest() override { std::filesystem::remove_all(dir_); }
 
-  // Pushes go to the process-wide policy, as in the product.
+  // Pushes go to the process-wide policy, as in the product, unless the test takes them.
   DaemonBridge& bridge() {
-    if (!bridge_) bridge_ = DaemonBridge::create(env_, path_);
+    if (!bridge_) bridge_ = DaemonBridge::create(env_, path_, options_);
     return *bridge_;
   }
   UniqueFd connectDaemon() {
@@ -89,6 +107,7 @@ class BridgeTest : public ::testing::Test {
   std::shared_ptr<SimulatedRuntime> env_ = SimulatedRuntime::create();
   std::string dir_, path_;
   UniqueFd listener_;
+  DaemonBridge::Options options_;
   std::shared_ptr<DaemonBridge> bridge_;
 };
 
@@ -166,6 +185,37 @@ TEST_F(BridgeTest, DaemonThatStopsReadingCostsOneWriteBoundedByTheSendTimeout) {
   EXPECT_EQ(logged("bridge: write failed"), 1u) << "the sends after it are dropped at once";
 }
 
+// send() only hands the event over: past the bound, an event is dropped on the caller's thread,
+// and the queue says how many once it gets to run.
+TEST_F(BridgeTest, EventsPastTheBoundAreDroppedWithOneLine) {
+  for (std::size_t i = 0; i < DaemonBridge::kMaxPendingEvents + 5; ++i) bridge().send(alive(1));
+  env_->runUntilIdle();
+  EXPECT_EQ(logged("bridge: send dropped"), DaemonBridge::kMaxPendingEvents);
+  EXPECT_EQ(logged("bridge: dropped 5 events — 16384 were already waiting to be written"), 1u);
+  bridge().send(alive(2));
+  env_->runUntilIdle();
+  EXPECT_EQ(logged("bridge: send dropped"), DaemonBridge::kMaxPendingEvents + 1);
+  EXPECT_EQ(logged("bridge: dropped"), 1u);
+}
+
+// A daemon pushing large valid policy lines as fast as its socket takes them: the read loop stops
+// while about a mebibyte waits on the bridge queue, so the daemon's sends wait instead of this
+// process's memory growing, and every line is still handled.
+TEST_F(BridgeTest, FastPushingDaemonIsHeldBackAtTheInboundLimit) {
+  std::atomic<std::size_t> handled{0};
+  options_.policySink = [&](const Json&) { ++handled; };
+  const UniqueFd daemon = connectDaemon();
+  const std::string line =
+      R"({"kind":"policy.push","pad":")" + std::string(64 * 1024, 'p') + "\"}\n";
+  constexpr std::size_t kLines = 256;  // 16 MiB
+  std::jthread pusher([&] {
+    for (std::size_t i = 0; i < kLines; ++i) sendAll(daemon, line);
+  });
+  EXPECT_TRUE(env_->runUntil([&] { return handled == kLines; }, 60s));
+  EXPECT_LE(bridge().inboundPeakBytesForTest(),
+            InboundBacklog::kLimitBytes + DaemonBridge::kReadChunkBytes);
+}
+
 TEST_F(BridgeTest, SeversDuringAnOutageAreReportedFirstOnTheNextConnection) {
   UniqueFd daemon = connectDaemon();
   bridge().recordCommittedSeverIfUnhealthy();  // connected: not counted
@@ -240,6 +290,31 @@ TEST_F(BridgeTest, DestroyingTheBridgeEndsItsBlockedReadLoop) {
   bridge_.reset();  // joins the read queue: returns only once the blocked read has ended
   char byte;
   EXPECT_EQ(::recv(daemon.get(), &byte, 1, MSG_DONTWAIT), 0) << "the connection has ended";
+}
+
+// On the real runtime, the bridge's work (its blocking connect and writes, its line handling)
+// runs on no lane that carries flows.
+TEST(BridgeRuntimeTest, BridgeWorkRunsOffTheLanes) {
+  char pattern[] = "/tmp/twb-XXXXXX";
+  ASSERT_NE(::mkdtemp(pattern), nullptr);
+  const std::string path = std::string(pattern) + "/ne.sock";
+  const UniqueFd listener = listenAt(path);
+  std::promise<bool> onALane;
+  DaemonBridge::Options options;
+  options.policySink = [&](const Json&) {
+    bool any = false;
+    for (std::size_t i = 0; i < ioLaneCount(); ++i) any = any || ioLane(i).isCurrent();
+    onALane.set_value(any);
+  };
+  auto bridge = DaemonBridge::create(realRuntime(), path, options);
+  bridge->adoptPath(path, true);
+  const UniqueFd daemon = acceptWaiting(listener);
+  sendAll(daemon, kPush + "\n");
+  auto handled = onALane.get_future();
+  ASSERT_EQ(handled.wait_for(5s), std::future_status::ready);
+  EXPECT_FALSE(handled.get());
+  bridge.reset();
+  std::filesystem::remove_all(pattern);
 }
 
 // The daemon companion's server pushes its policy line on every connection it serves and hands

@@ -7,6 +7,9 @@
 
 #include <gtest/gtest.h>
 #include <malloc.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -17,6 +20,7 @@
 #include "host/PassThroughProvider.h"
 #include "host/ProxyHost.h"
 #include "host/control/ControlClient.h"
+#include "host/owner/ProcessMetaDataCache.h"
 #include "host/owner/SocketOwnerMap.h"
 #include "host/redirect/NftRuleset.h"
 #include "host/redirect/OriginalDestination.h"
@@ -92,6 +96,76 @@ TEST(SocketOwnerMapTest, FindsOwnersFromItsCacheRecentOwnersAndAWalk) {
   holds(900, 6, "socket:[9]");
   EXPECT_EQ(lane.knownOwnerOf(9), 900);
   fs::remove_all(root);
+}
+
+std::size_t openDescriptors() {
+  const auto entries = std::distance(fs::directory_iterator("/proc/self/fd"), {});
+  return static_cast<std::size_t>(entries) - 1;  // the iterator's own
+}
+
+// A child that holds the socket `inode` names, and nothing else of ours, until the other end
+// closes.
+struct ShortClient {
+  ShortClient() {
+    int ends[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return;
+    struct stat held {};
+    ::fstat(ends[1], &held);
+    inode = held.st_ino;
+    pid = ::fork();
+    if (pid == 0) {
+      // Every other descriptor goes, the other ends of earlier clients included, so that each
+      // client ends when its own end is closed.
+      const auto own = static_cast<unsigned>(ends[1]);
+      ::close_range(3, own - 1, 0);
+      ::close_range(own + 1, ~0U, 0);
+      char byte;
+      [[maybe_unused]] const auto ignored = ::read(ends[1], &byte, 1);
+      ::_exit(0);
+    }
+    ::close(ends[1]);
+    ours = UniqueFd(ends[0]);
+  }
+  ShortClient(ShortClient&&) = default;
+  ~ShortClient() { end(); }
+  // Ends the child and reaps it.
+  void end() {
+    if (!ours) return;
+    ours.reset();
+    ::waitpid(pid, nullptr, 0);
+  }
+  std::uint64_t inode = 0;
+  pid_t pid = -1;
+  UniqueFd ours;
+};
+
+// Many short clients come, are identified (more at once than the caches keep directories for,
+// each looked up twice) and go: the owner caches hold a few descriptors at the most while it
+// happens, and none once the clients have gone and the caches have noticed.
+TEST(OwnerCachesTest, ShortLivedClientsLeaveNoDescriptorsOpen) {
+  SocketOwnerMap owners;
+  ProcessMetaDataCache processes;
+  const std::size_t baseline = openDescriptors();
+  const std::string ownExecutable = fs::canonical("/proc/self/exe");
+  constexpr std::size_t kAtOnce = ProcessMetaDataCache::kHeldDirectories + 2;
+  pid_t last = 0;
+  for (int round = 0; round < 4; ++round) {
+    std::vector<ShortClient> clients(kAtOnce);
+    for (int lookup = 0; lookup < 2; ++lookup) {
+      for (const ShortClient& client : clients) {
+        ASSERT_GT(client.pid, 0);
+        EXPECT_EQ(lookup == 0 ? owners.walk(client.inode) : owners.knownOwnerOf(client.inode),
+                  client.pid);
+        EXPECT_EQ(processes.metaDataOf(client.pid).sourceAppSigningIdentifier, ownExecutable);
+      }
+    }
+    EXPECT_LE(openDescriptors(), baseline + kAtOnce + ProcessMetaDataCache::kHeldDirectories);
+    for (ShortClient& client : clients) client.end();
+    last = clients.back().pid;
+  }
+  EXPECT_EQ(processes.metaDataOf(last).sourceAppAuditToken, std::nullopt) << "gone";
+  EXPECT_EQ(owners.knownOwnerOf(1), std::nullopt);  // looks at the recent owners: all gone
+  EXPECT_EQ(openDescriptors(), baseline);
 }
 
 using Flow = std::shared_ptr<NEAppProxyTCPFlow>;

@@ -15,6 +15,7 @@
 #include <mutex>
 #include <thread>
 
+#include "platform/IoLane.h"
 #include "platform/testing/CaseName.h"
 #include "platform/testing/LoopbackServer.h"
 #include "platform/testing/ScriptedConnection.h"
@@ -239,6 +240,37 @@ TEST_P(DispatchTest, DelayedWorkAndTimersFireInDeadlineOrder) {
 INSTANTIATE_TEST_SUITE_P(BothRuntimes, DispatchTest,
                          ::testing::Values(kSimulated, Form{"Real", "127.0.0.1", "127.0.0.1"}),
                          CaseName());
+
+// The real runtime keeps off-lane queues off the lanes that carry flows: their work, delayed work
+// included, runs on a thread that is no lane, and while it blocks every lane still runs.
+TEST(AsioRuntimeTest, OffLaneQueueRunsBesideTheLanesAndStallsNone) {
+  const auto offLane =
+      realRuntime()->makeQueue("off", QualityOfService::Default, QueueKind::OffLane);
+  const auto onALane = [] {
+    for (std::size_t i = 0; i < ioLaneCount(); ++i) {
+      if (ioLane(i).isCurrent()) return true;
+    }
+    return false;
+  };
+  std::promise<bool> blockedOnALane, delayedOnALane;
+  std::promise<void> release;
+  offLane->async([&, released = release.get_future().share()] {
+    blockedOnALane.set_value(onALane() || !offLane->isCurrent());
+    released.wait_for(5s);  // blocks like a write to a daemon that does not read
+  });
+  EXPECT_FALSE(blockedOnALane.get_future().get());
+  std::atomic<std::size_t> lanesRan{0};
+  std::promise<void> allRan;
+  for (std::size_t i = 0; i < ioLaneCount(); ++i) {
+    ioLane(i).post([&] {
+      if (++lanesRan == ioLaneCount()) allRan.set_value();
+    });
+  }
+  EXPECT_EQ(allRan.get_future().wait_for(5s), std::future_status::ready);
+  release.set_value();
+  offLane->asyncAfter(1ms, [&] { delayedOnALane.set_value(onALane() || !offLane->isCurrent()); });
+  EXPECT_FALSE(delayedOnALane.get_future().get());
+}
 
 // The interleaving of four queues and the moments a leeway timer fires: nothing runs before the
 // test says so, and the same seed replays the same run.

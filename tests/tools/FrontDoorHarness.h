@@ -1,9 +1,13 @@
 #pragma once
-// Test support for the front door: a front door running on its own thread in this process, and
-// an echo destination, both on loopback.
+// Test support for the front door: a front door running on its own thread in this process,
+// destinations and blocking client sockets, all on loopback. Every blocking read gives up after
+// kPatience, so a broken test fails instead of hanging.
 
+#include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
+#include <string>
 #include <thread>
 
 #include "FrontDoor.h"
@@ -48,5 +52,35 @@ class EchoServer {
   std::vector<std::jthread> workers_;  // touched by the acceptor only, until it is joined
   std::jthread acceptor_;
 };
+
+inline constexpr std::chrono::seconds kPatience{5};
+
+// A listener on 127.0.0.1 whose connections the test accepts itself, one by one.
+class ManualDestination {
+ public:
+  ManualDestination();
+  std::string authority() const;  // "127.0.0.1:PORT"
+  // The oldest waiting connection, blocking; invalid after kPatience without one.
+  UniqueFd accept();
+
+ private:
+  UniqueFd listener_;
+};
+
+// A blocking socket connected to `address`, invalid when the connect fails. `prepare` sets its
+// options before the connect.
+UniqueFd connectTo(const SocketAddress& address, const std::function<void(int fd)>& prepare = {});
+// Keeps the window the socket advertises that small.
+void setReceiveBuffer(int fd, int bytes);
+void sendAll(const UniqueFd& fd, const std::string& bytes);
+// Exactly `count` bytes, or fewer when the stream ends, fails or stays silent first.
+std::string readExactly(const UniqueFd& fd, std::size_t count);
+// Every byte up to the stream's end, then how it ended: "|end" (a FIN), "|reset", "|timeout" or
+// "|errno N".
+std::string readToEnd(const UniqueFd& fd);
+// `size` bytes whose value depends on their position, so a lost, doubled or reordered chunk shows.
+std::string patternBytes(std::size_t size);
+// Polls `done` until it holds or kPatience has passed, for states only the kernel can show.
+bool waitUntil(const std::function<bool()>& done);
 
 }  // namespace tarnwick::frontdoor

@@ -1,31 +1,30 @@
 #include "CommandLine.h"
 
 #include <optional>
-
-#include "platform/OptionReader.h"
+#include <string>
 
 namespace tarnwick::daemon {
 
 std::variant<CommandLine, UsageError> parseCommandLine(std::span<const std::string_view> args) {
   CommandLine line;
-  OptionReader reader({args.begin(), args.end()});
-  while (const auto name = reader.next()) {
-    if (*name == "--help" || *name == "-h") {
-      line.help = true;
-    } else if (*name == "--json") {
-      line.config.json = true;
-    } else if (*name == "--socket" || *name == "--push") {
-      const auto value = reader.value();
-      if (!value || value->empty()) return UsageError{"option '" + *name + "' needs a value"};
-      if (*name == "--socket") {
-        line.config.socketPath = *value;
-      } else {
-        line.config.pushFile = *value;
-      }
-    } else {
-      return UsageError{"unknown option '" + *name + "'"};
-    }
-  }
+  DaemonConfig& config = line.config;
+  const auto taking = [](auto& field) {
+    return [&field](std::string_view value) -> std::optional<std::string> {
+      field = std::string(value);
+      return std::nullopt;
+    };
+  };
+  const companion::Option options[] = {
+      {.name = "--socket", .apply = taking(config.socketPath)},
+      {.name = "--push", .apply = taking(config.pushFile)},
+      {.name = "--json",
+       .flag = true,
+       .apply = [&](std::string_view) -> std::optional<std::string> {
+         config.json = true;
+         return std::nullopt;
+       }},
+  };
+  if (auto error = companion::applyOptions(args, options, line.help)) return *error;
   return line;
 }
 

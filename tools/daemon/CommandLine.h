@@ -4,22 +4,16 @@
 // Options with a value also take the "--name=value" form.
 
 #include <span>
-#include <string>
 #include <string_view>
 #include <variant>
 
+#include "CompanionOptions.h"
 #include "DaemonConfig.h"
 
 namespace tarnwick::daemon {
 
-struct CommandLine {
-  DaemonConfig config;
-  bool help = false;
-};
-
-struct UsageError {
-  std::string message;
-};
+using CommandLine = companion::CommandLine<DaemonConfig>;
+using companion::UsageError;
 
 // args excludes the program name.
 std::variant<CommandLine, UsageError> parseCommandLine(std::span<const std::string_view> args);

@@ -13,6 +13,8 @@
 #include <filesystem>
 #include <span>
 
+#include "bridge/LineBuffer.h"
+
 namespace tarnwick::daemon {
 
 std::unique_ptr<DaemonServer> DaemonServer::create(std::string path,
@@ -102,12 +104,13 @@ void DaemonServer::serve(int connection) {
     }
     callbacks_.status("pushed policy (" + std::to_string(push_line_->size()) + " bytes)");
   }
+  LineBuffer lines;
   std::array<std::uint8_t, 65536> chunk{};
   while (waitFor(connection)) {
     const ssize_t n = ::recv(connection, chunk.data(), chunk.size(), 0);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
-    lines_.append(std::span(chunk.data(), static_cast<std::size_t>(n)), callbacks_.event);
+    lines.append(std::span(chunk.data(), static_cast<std::size_t>(n)), callbacks_.event);
   }
   callbacks_.status("disconnected");
 }

@@ -2,7 +2,9 @@
 // The daemon's end of the extension's socket: listens on a Unix-domain path and serves one
 // connection at a time, as the real daemon does (later connects wait in the backlog). On each new
 // connection it first writes the push line, if it has one; then it hands every line received to
-// the event callback. One thread runs everything; stop() may come from anywhere.
+// the event callback. Each connection cuts its own lines: a partial line left by a connection
+// that ended is dropped with it, never joined to the next connection's first line. One thread
+// runs everything; stop() may come from anywhere.
 
 #include <cstdint>
 #include <functional>
@@ -11,11 +13,11 @@
 #include <string>
 #include <string_view>
 
-#include "bridge/LineBuffer.h"
+#include "CompanionMain.h"
 
 namespace tarnwick::daemon {
 
-class DaemonServer {
+class DaemonServer : public companion::ForegroundServer {
  public:
   struct Callbacks {
     // Each line received, without its line feed.
@@ -29,15 +31,15 @@ class DaemonServer {
   static std::unique_ptr<DaemonServer> create(std::string path, std::optional<std::string> pushLine,
                                               Callbacks callbacks, std::string& error);
   // Closes everything and removes the socket file.
-  ~DaemonServer();
+  ~DaemonServer() override;
   DaemonServer(const DaemonServer&) = delete;
   DaemonServer& operator=(const DaemonServer&) = delete;
 
   const std::string& path() const { return path_; }
   // Serves on the calling thread until stop(). Call at most once.
-  void run();
+  void run() override;
   // Any thread, and async-signal-safe: makes run() return soon, or at once if not yet running.
-  void stop();
+  void stop() override;
 
  private:
   DaemonServer(std::string path, std::optional<std::string> pushLine, Callbacks callbacks);
@@ -52,7 +54,6 @@ class DaemonServer {
   int listener_ = -1;
   int stop_event_ = -1;
   bool stopped_ = false;
-  LineBuffer lines_;
 };
 
 }  // namespace tarnwick::daemon

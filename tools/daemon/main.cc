@@ -2,37 +2,25 @@
 // a real daemon. Prints "listening PATH", then each event (readable, or as received with --json)
 // one line at a time, flushed; SIGINT and SIGTERM print the counts by kind and end it with 0.
 
-#include <atomic>
-#include <csignal>
 #include <cstdio>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <string_view>
-#include <variant>
-#include <vector>
 
 #include "CommandLine.h"
+#include "CompanionMain.h"
 #include "DaemonServer.h"
 #include "EventFormat.h"
 #include "bridge/DaemonBridge.h"
-#include "platform/posix/StopSignals.h"
 
 namespace {
 
-using tarnwick::daemon::DaemonServer;
-
-std::atomic<DaemonServer*> gServer{nullptr};
-
-void onStopSignal(int) {
-  if (DaemonServer* server = gServer.load()) server->stop();
-}
-
-void printLine(std::FILE* to, std::string_view line) {
-  std::fwrite(line.data(), 1, line.size(), to);
-  std::fputc('\n', to);
-  std::fflush(to);
-}
+using namespace tarnwick;
+using namespace tarnwick::daemon;
+using companion::printLine;
+using companion::StartFailure;
 
 bool readFile(const std::string& path, std::string& text) {
   std::ifstream file(path, std::ios::binary);
@@ -43,56 +31,69 @@ bool readFile(const std::string& path, std::string& text) {
   return true;
 }
 
+// The daemon as it runs in the foreground: its server, and the counts by kind it prints once
+// stopped.
+class CountingDaemon : public companion::ForegroundServer {
+ public:
+  static std::unique_ptr<CountingDaemon> start(const DaemonConfig& config, StartFailure& failure) {
+    std::optional<std::string> pushLine;
+    if (config.pushFile) {
+      std::string text;
+      if (!readFile(*config.pushFile, text)) {
+        failure = {"cannot read " + *config.pushFile, 2};
+        return nullptr;
+      }
+      pushLine = policyPushLine(text, failure.message);
+      if (!pushLine) {
+        failure.status = 2;
+        return nullptr;
+      }
+    }
+    std::unique_ptr<CountingDaemon> daemon(new CountingDaemon(config));
+    const std::string path = config.socketPath.empty()
+                                 ? DaemonBridge::resolveSocketPath(std::nullopt)
+                                 : config.socketPath;
+    daemon->server_ =
+        DaemonServer::create(path, std::move(pushLine), daemon->callbacks(), failure.message);
+    if (!daemon->server_) return nullptr;
+    printLine(daemon->status_out_, "listening " + path);
+    return daemon;
+  }
+
+  void run() override {
+    server_->run();
+    printLine(stdout, json_ ? counts_.jsonSummary() : counts_.readableSummary());
+  }
+  void stop() override { server_->stop(); }
+
+ private:
+  explicit CountingDaemon(const DaemonConfig& config)
+      : json_(config.json), status_out_(config.json ? stderr : stdout) {}
+
+  // The server is a member, so the callbacks never outlive what they hold.
+  DaemonServer::Callbacks callbacks() {
+    return {[this](std::string_view line) {
+              counts_.add(kindOf(line));
+              printLine(stdout, json_ ? std::string(line) : readableEvent(line));
+            },
+            [this](std::string_view line) { printLine(status_out_, line); }};
+  }
+
+  const bool json_;
+  // Status lines stay out of the event stream when it is machine-read.
+  std::FILE* const status_out_;
+  KindCounts counts_;
+  std::unique_ptr<DaemonServer> server_;
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  using namespace tarnwick::daemon;
-  const std::vector<std::string_view> args(argv + 1, argv + argc);
-  const auto parsed = parseCommandLine(args);
-  if (const auto* usage = std::get_if<UsageError>(&parsed)) {
-    std::fprintf(stderr, "tarnwick-daemon: %s\n%.*s", usage->message.c_str(),
-                 static_cast<int>(usageText().size()), usageText().data());
-    return 2;
-  }
-  const DaemonConfig& config = std::get<CommandLine>(parsed).config;
-  if (std::get<CommandLine>(parsed).help) {
-    std::fwrite(usageText().data(), 1, usageText().size(), stdout);
-    return 0;
-  }
-  std::optional<std::string> pushLine;
-  if (config.pushFile) {
-    std::string text;
-    std::string error;
-    if (!readFile(*config.pushFile, text)) error = "cannot read " + *config.pushFile;
-    if (error.empty()) pushLine = policyPushLine(text, error);
-    if (!pushLine) {
-      std::fprintf(stderr, "tarnwick-daemon: %s\n", error.c_str());
-      return 2;
-    }
-  }
-  // Status lines stay out of the event stream when it is machine-read.
-  std::FILE* statusOut = config.json ? stderr : stdout;
-  KindCounts counts;
-  DaemonServer::Callbacks callbacks{
-      [&](std::string_view line) {
-        counts.add(kindOf(line));
-        printLine(stdout, config.json ? std::string(line) : readableEvent(line));
-      },
-      [&](std::string_view line) { printLine(statusOut, line); }};
-  const std::string path = config.socketPath.empty()
-                               ? tarnwick::DaemonBridge::resolveSocketPath(std::nullopt)
-                               : config.socketPath;
-  std::string error;
-  auto server = DaemonServer::create(path, std::move(pushLine), std::move(callbacks), error);
-  if (!server) {
-    std::fprintf(stderr, "tarnwick-daemon: %s\n", error.c_str());
-    return 1;
-  }
-  printLine(statusOut, "listening " + path);
-  gServer.store(server.get());
-  tarnwick::installStopSignalHandler(onStopSignal);
-  server->run();
-  gServer.store(nullptr);
-  printLine(stdout, config.json ? counts.jsonSummary() : counts.readableSummary());
-  return 0;
+  const companion::Companion<DaemonConfig> daemon{
+      "tarnwick-daemon", usageText(), parseCommandLine,
+      [](const DaemonConfig& config,
+         StartFailure& failure) -> std::unique_ptr<companion::ForegroundServer> {
+        return CountingDaemon::start(config, failure);
+      }};
+  return companion::runCompanion(daemon, argc, argv);
 }

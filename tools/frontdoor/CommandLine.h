@@ -1,25 +1,19 @@
 #pragma once
 // The front door's command line:
-//   tarnwick-frontdoor [--listen HOST:PORT] [--mode MODE] [--delay SECONDS]
+//   tarnwick-frontdoor [--listen HOST:PORT] [--mode MODE] [--delay SECONDS] [--mark N]
 // Each option also takes the "--name=value" form.
 
 #include <span>
-#include <string>
 #include <string_view>
 #include <variant>
 
+#include "CompanionOptions.h"
 #include "FrontDoorConfig.h"
 
 namespace tarnwick::frontdoor {
 
-struct CommandLine {
-  FrontDoorConfig config;
-  bool help = false;
-};
-
-struct UsageError {
-  std::string message;
-};
+using CommandLine = companion::CommandLine<FrontDoorConfig>;
+using companion::UsageError;
 
 // args excludes the program name.
 std::variant<CommandLine, UsageError> parseCommandLine(std::span<const std::string_view> args);

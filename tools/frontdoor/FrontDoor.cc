@@ -17,6 +17,10 @@ namespace {
 constexpr std::size_t kScratchBytes = 64 * 1024;
 // Bounds the time one busy listener keeps the loop from the connections it already has.
 constexpr int kAcceptsPerWakeup = 64;
+// As deep as the kernel allows (net.core.somaxconn caps it): a burst of connects from one busy
+// program waits there while the loop catches up, where an overflow would drop SYNs and hold each
+// of them back a second or more.
+constexpr int kListenBacklog = 65535;
 
 // The front door's own fds, under id 0.
 enum class ServerFd : std::uint64_t { Listener = 0, Stop = 1, Resolver = 2 };
@@ -61,7 +65,7 @@ bool FrontDoor::open(std::string& error) {
     error = std::string("cannot set socket mark: ") + std::strerror(errno);
     return false;
   }
-  if (config_.mode != FrontDoorMode::Refuse && ::listen(listener_.get(), SOMAXCONN) != 0) {
+  if (config_.mode != FrontDoorMode::Refuse && ::listen(listener_.get(), kListenBacklog) != 0) {
     error = std::string("listen: ") + std::strerror(errno);
     return false;
   }

@@ -12,6 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "CompanionMain.h"
 #include "FdToken.h"
 #include "FrontDoorConfig.h"
 #include "FrontDoorConnection.h"
@@ -21,7 +22,7 @@
 
 namespace tarnwick::frontdoor {
 
-class FrontDoor {
+class FrontDoor : public companion::ForegroundServer {
  public:
   // Receives each log line, without its newline, on the thread that runs run().
   using LineSink = std::function<void(std::string_view line)>;
@@ -31,7 +32,7 @@ class FrontDoor {
   // sets error when the address cannot be bound.
   static std::unique_ptr<FrontDoor> create(const FrontDoorConfig& config, LineSink sink,
                                            std::string& error);
-  ~FrontDoor();
+  ~FrontDoor() override;
   FrontDoor(const FrontDoor&) = delete;
   FrontDoor& operator=(const FrontDoor&) = delete;
 
@@ -40,10 +41,10 @@ class FrontDoor {
 
   // Serves on the calling thread until stop(); then ends every connection, logging each with
   // result "shutdown". Call at most once.
-  void run();
+  void run() override;
   // Any thread, and async-signal-safe: makes run() return soon. Before run() it makes run()
   // return at once.
-  void stop();
+  void stop() override;
 
  private:
   FrontDoor(const FrontDoorConfig& config, LineSink sink);

@@ -12,7 +12,7 @@
 namespace tarnwick::frontdoor {
 
 struct FrontDoorConfig {
-  HostPort listen{"127.0.0.1", 8443};  // host may be a literal or a name; port 0 picks one
+  HostPort listen{"127.0.0.1", 8443};  // host: a literal or a name; port 0 (tests) picks one
   FrontDoorMode mode = FrontDoorMode::Normal;
   // The slow-ack wait. Longer than the 2.5 s a relaying client gives its whole handshake, so
   // that by default the mode shows the client giving up.

@@ -17,6 +17,11 @@ constexpr std::string_view kAcknowledgement = "HTTP/1.1 200 Connection establish
 constexpr std::string_view kBadRequest = "HTTP/1.1 400 Bad Request\r\n\r\n";
 constexpr std::string_view kRejected = "HTTP/1.1 407 Proxy Authentication Required\r\n\r\n";
 constexpr std::string_view kBadGateway = "HTTP/1.1 502 Bad Gateway\r\n\r\n";
+// The answer to anything but CONNECT. A prober takes any well-formed status as a sign of life,
+// and an HTTP client is told plainly that nothing more will come.
+constexpr std::string_view kMethodNotAllowed =
+    "HTTP/1.1 405 Method Not Allowed\r\nAllow: CONNECT\r\nContent-Length: 0\r\n"
+    "Connection: close\r\n\r\n";
 // Neither HTTP nor UTF-8, and without the status a client looks for.
 constexpr std::string_view kGarbage = "\xff\xfe\x01garbage\x7f\x80 no status here\r\n\r\n";
 
@@ -30,6 +35,8 @@ std::uint32_t readWrite(bool read, bool write) {
 
 bool wouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == EINTR; }
 
+FdRole otherSide(FdRole role) { return role == FdRole::Client ? FdRole::Upstream : FdRole::Client; }
+
 // For a small answer on a fresh connection: the socket buffer takes it whole, and if the client
 // is already gone there is no one left to tell.
 void sendSmall(int fd, std::string_view text) {
@@ -42,7 +49,7 @@ FrontDoorConnection::FrontDoorConnection(const ConnectionContext& context, std::
                                          UniqueFd client)
     : context_(context), id_(id), client_(std::move(client)), client_events_(EPOLLIN) {
   setNoDelay(client_.get());
-  context_.loop.add(client_.get(), makeToken(id_, FdRole::Client), client_events_);
+  context_.loop.add(client_.get(), makeToken(id_, FdRole::Client), *client_events_);
   // The up direction belongs to this connection, so the observer cannot outlive it.
   up_.observeFirstBytes([this](std::span<const std::uint8_t> bytes) {
     SNIParseResult hello = SNIParser::parse(bytes);
@@ -58,9 +65,9 @@ void FrontDoorConnection::onEvent(FdRole role, std::uint32_t events) {
       return readHead();
     case Phase::Waiting:
     case Phase::Resolving:
-      return finish("reset");  // the client's socket hung up or failed; nothing is read now
+      return cutShort(FdRole::Client);  // the client's socket failed; nothing is read now
     case Phase::Dialing:
-      return role == FdRole::Upstream ? onDialProgress(events) : finish("reset");
+      return role == FdRole::Upstream ? onDialProgress(events) : cutShort(FdRole::Client);
     case Phase::Relaying:
       return relay(role, events);
     case Phase::Discarding:
@@ -83,7 +90,7 @@ void FrontDoorConnection::readHead() {
   const auto scratch = context_.scratch;
   const ssize_t count = ::recv(client_.get(), scratch.data(), scratch.size(), 0);
   if (count < 0) {
-    if (!wouldBlock(errno)) finish("reset");
+    if (!wouldBlock(errno)) cutShort(FdRole::Client);
     return;
   }
   if (count == 0) {
@@ -106,17 +113,21 @@ void FrontDoorConnection::readHead() {
   early_.assign(head_.begin() + static_cast<std::ptrdiff_t>(headBytes), head_.end());
   early_.insert(early_.end(), chunk.begin() + static_cast<std::ptrdiff_t>(taken), chunk.end());
   head_.resize(end);
-  auto request = parseConnectRequest(head_);
+  auto request = parseRequestHead(head_);
   std::string().swap(head_);
   onHead(std::move(request));
 }
 
-void FrontDoorConnection::onHead(std::optional<ConnectRequest> request) {
+// The mode decides first, so a probe meets the same fault as a CONNECT would: a faulty front
+// door fails its probe too.
+void FrontDoorConnection::onHead(std::optional<RequestHead> request) {
   if (request) {
     record_.pid = std::move(request->pid);
     record_.signingId = std::move(request->signingId);
     record_.trace = std::move(request->trace);
-    record_.destination = formatHostPort(request->destination.host, request->destination.port);
+    if (request->destination) {
+      record_.destination = formatHostPort(request->destination->host, request->destination->port);
+    }
     destination_ = std::move(request->destination);
   }
   const FrontDoorMode mode = context_.config.mode;
@@ -137,10 +148,16 @@ void FrontDoorConnection::onHead(std::optional<ConnectRequest> request) {
         phase_ = Phase::Waiting;
         if (armTimer(context_.config.ackDelaySeconds)) return updateInterest();
       }
-      return dialDestination();
+      return proceed();
     default:
-      return dialDestination();
+      return proceed();
   }
+}
+
+void FrontDoorConnection::proceed() {
+  disarmTimer();
+  if (!destination_) return answerAndClose(kMethodNotAllowed, "not-connect");
+  dialDestination();
 }
 
 void FrontDoorConnection::onOversizedHead() {
@@ -150,7 +167,6 @@ void FrontDoorConnection::onOversizedHead() {
 }
 
 void FrontDoorConnection::dialDestination() {
-  disarmTimer();
   if (auto literal = literalAddress(destination_->host, destination_->port)) {
     addresses_ = {*literal};
     return dialNext();
@@ -168,7 +184,7 @@ void FrontDoorConnection::dialNext() {
     if (!start.fd) continue;
     upstream_ = std::move(start.fd);
     upstream_events_ = EPOLLOUT;
-    context_.loop.add(upstream_.get(), makeToken(id_, FdRole::Upstream), upstream_events_);
+    context_.loop.add(upstream_.get(), makeToken(id_, FdRole::Upstream), *upstream_events_);
     phase_ = Phase::Dialing;
     armTimer(context_.config.dialTimeoutSeconds);
     return updateInterest();
@@ -186,18 +202,18 @@ void FrontDoorConnection::onConnected() {
   std::vector<SocketAddress>().swap(addresses_);
   setNoDelay(upstream_.get());
   phase_ = Phase::Relaying;
-  if (down_.inject(client_.get(), bytesOf(kAcknowledgement)) == RelayDirection::Progress::Failed) {
-    return finish("reset");
+  if (down_.inject(client_.get(), bytesOf(kAcknowledgement)) != RelayDirection::Progress::Ok) {
+    return cutShort(FdRole::Client);
   }
   const auto early = std::exchange(early_, {});
-  if (up_.forward(upstream_.get(), early) == RelayDirection::Progress::Failed) {
-    return finish("reset");
+  if (up_.forward(upstream_.get(), early) != RelayDirection::Progress::Ok) {
+    return cutShort(FdRole::Upstream);
   }
   updateInterest();
 }
 
 void FrontDoorConnection::relay(FdRole role, std::uint32_t events) {
-  if ((events & EPOLLERR) != 0) return finish("reset");
+  if ((events & EPOLLERR) != 0) return cutShort(role);
   const bool fromClient = role == FdRole::Client;
   const int self = fromClient ? client_.get() : upstream_.get();
   const int other = fromClient ? upstream_.get() : client_.get();
@@ -205,18 +221,24 @@ void FrontDoorConnection::relay(FdRole role, std::uint32_t events) {
   RelayDirection& incoming = fromClient ? down_ : up_;  // writes to self
   bool progressed = false;
   if ((events & (EPOLLIN | EPOLLHUP)) != 0 && outgoing.wantsRead()) {
-    if (outgoing.pump(self, other, context_.scratch) == RelayDirection::Progress::Failed) {
-      return finish("reset");
+    switch (outgoing.pump(self, other, context_.scratch)) {
+      case RelayDirection::Progress::ReadFailed:
+        return cutShort(role);
+      case RelayDirection::Progress::WriteFailed:
+        return cutShort(otherSide(role));
+      case RelayDirection::Progress::Ok:
+        progressed = true;
     }
-    progressed = true;
   }
   if ((events & (EPOLLOUT | EPOLLHUP)) != 0 && incoming.wantsWrite()) {
-    if (incoming.flush(self) == RelayDirection::Progress::Failed) return finish("reset");
+    if (incoming.flush(self) != RelayDirection::Progress::Ok) return cutShort(role);
     progressed = true;
   }
   if (up_.finished() && down_.finished()) return finish("closed");
-  // A hang-up on a socket that is neither read nor written can never make progress.
-  if (!progressed && (events & EPOLLHUP) != 0) return finish("reset");
+  // A hang-up without an error is no failure: the peer has sent its end and this side's end has
+  // been passed on to it. What the socket still holds waits until the other side takes what is
+  // kept for it.
+  if (!progressed && (events & EPOLLHUP) != 0) park(role);
   updateInterest();
 }
 
@@ -275,7 +297,7 @@ void FrontDoorConnection::onTimer() {
   if (::read(timer_.get(), &expirations, sizeof expirations) <= 0) return;
   switch (phase_) {
     case Phase::Waiting:
-      return dialDestination();
+      return proceed();
     case Phase::Dialing:
       return dialNext();  // this address took too long; try the next
     case Phase::Lingering:
@@ -285,11 +307,34 @@ void FrontDoorConnection::onTimer() {
   }
 }
 
+void FrontDoorConnection::cutShort(FdRole failed) {
+  finish(failed == FdRole::Client ? "client-reset" : "destination-reset", Ending::Abortive);
+}
+
+// A level-triggered hang-up cannot be masked, so the socket leaves the loop until it is wanted.
+void FrontDoorConnection::park(FdRole role) {
+  if (!eventsOf(role)) return;
+  context_.loop.remove(socketOf(role).get());
+  eventsOf(role).reset();
+}
+
+void FrontDoorConnection::watch(FdRole role, std::uint32_t wants) {
+  const UniqueFd& fd = socketOf(role);
+  std::optional<std::uint32_t>& events = eventsOf(role);
+  if (!fd || events == wants || (!events && wants == 0)) return;
+  if (events) {
+    context_.loop.modify(fd.get(), makeToken(id_, role), wants);
+  } else {
+    context_.loop.add(fd.get(), makeToken(id_, role), wants);
+  }
+  events = wants;
+}
+
 void FrontDoorConnection::dropUpstream() {
   if (!upstream_) return;
   context_.loop.remove(upstream_.get());
   upstream_.reset();
-  upstream_events_ = 0;
+  upstream_events_.reset();
 }
 
 void FrontDoorConnection::updateInterest() {
@@ -311,26 +356,26 @@ void FrontDoorConnection::updateInterest() {
     default:
       break;
   }
-  if (client_ && clientWants != client_events_) {
-    client_events_ = clientWants;
-    context_.loop.modify(client_.get(), makeToken(id_, FdRole::Client), clientWants);
-  }
-  if (upstream_ && upstreamWants != upstream_events_) {
-    upstream_events_ = upstreamWants;
-    context_.loop.modify(upstream_.get(), makeToken(id_, FdRole::Upstream), upstreamWants);
-  }
+  watch(FdRole::Client, clientWants);
+  watch(FdRole::Upstream, upstreamWants);
 }
 
-void FrontDoorConnection::finish(std::string_view result) {
+// An abortive ending closes both sockets with a reset (SO_LINGER 0): a FIN would tell the peer
+// that the transfer was complete.
+void FrontDoorConnection::finish(std::string_view result, Ending ending) {
   if (phase_ == Phase::Finished) return;
   phase_ = Phase::Finished;
   record_.bytesUp = up_.bytesForwarded() + discarded_;
   record_.bytesDown = down_.bytesForwarded();
   record_.result = result;
   disarmTimer();
-  dropUpstream();
-  context_.loop.remove(client_.get());
-  client_.reset();
+  for (const FdRole role : {FdRole::Upstream, FdRole::Client}) {
+    UniqueFd& fd = socketOf(role);
+    if (!fd) continue;
+    context_.loop.remove(fd.get());
+    if (ending == Ending::Abortive) resetAndClose(fd);
+    fd.reset();
+  }
 }
 
 }  // namespace tarnwick::frontdoor

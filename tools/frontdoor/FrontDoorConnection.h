@@ -4,11 +4,12 @@
 // and the results of its name lookups, and logs and drops it once finished() turns true.
 // Every member runs on the event loop's thread.
 //
-// The result its log line ends with: "closed" (both directions ended), "reset" (a socket failed
-// or hung up), "no-request" (the client left without a byte), "bad-request" and
-// "head-too-large" (answered 400), "dial-failed" (answered 502), "rejected", "garbage",
-// "acked-closed", "acked-silent", "silent" (the fault modes), "shutdown" (the front door
-// stopped).
+// The result its log line ends with: "closed" (both directions ended), "client-reset" and
+// "destination-reset" (that side's socket failed or was reset, and the other side was reset in
+// turn), "no-request" (the client left without a byte), "bad-request" and "head-too-large"
+// (answered 400), "not-connect" (a request other than CONNECT, answered 405), "dial-failed"
+// (answered 502), "rejected", "garbage", "acked-closed", "acked-silent", "silent" (the fault
+// modes), "shutdown" (the front door stopped).
 
 #include <cstdint>
 #include <optional>
@@ -17,11 +18,11 @@
 #include <string_view>
 #include <vector>
 
-#include "ConnectRequest.h"
 #include "ConnectionRecord.h"
 #include "FdToken.h"
 #include "FrontDoorConfig.h"
 #include "RelayDirection.h"
+#include "RequestHead.h"
 #include "Resolver.h"
 #include "platform/posix/EventLoop.h"
 #include "platform/posix/SocketAddress.h"
@@ -65,8 +66,10 @@ class FrontDoorConnection {
   };
 
   void readHead();
-  void onHead(std::optional<ConnectRequest> request);
+  void onHead(std::optional<RequestHead> request);
   void onOversizedHead();
+  // What a request comes to once the mode lets it through: a dial, or the answer to a probe.
+  void proceed();
 
   void dialDestination();
   void dialNext();
@@ -82,9 +85,20 @@ class FrontDoorConnection {
   void disarmTimer();
   void onTimer();
 
+  // A reset or failure on the socket of `failed` cuts the connection short.
+  void cutShort(FdRole failed);
+  // Stops watching a socket that has ended both ways while what it still holds must wait.
+  void park(FdRole role);
+  // Watches the socket for `wants` (in the loop again if it was parked).
+  void watch(FdRole role, std::uint32_t wants);
+  UniqueFd& socketOf(FdRole role) { return role == FdRole::Client ? client_ : upstream_; }
+  std::optional<std::uint32_t>& eventsOf(FdRole role) {
+    return role == FdRole::Client ? client_events_ : upstream_events_;
+  }
   void dropUpstream();
   void updateInterest();
-  void finish(std::string_view result);
+  enum class Ending { Orderly, Abortive };
+  void finish(std::string_view result, Ending ending = Ending::Orderly);
 
   const ConnectionContext& context_;
   const std::uint64_t id_;
@@ -92,8 +106,9 @@ class FrontDoorConnection {
   UniqueFd client_;
   UniqueFd upstream_;
   UniqueFd timer_;
-  std::uint32_t client_events_;
-  std::uint32_t upstream_events_ = 0;
+  // The events each socket is watched for; absent while parked (not in the loop at all).
+  std::optional<std::uint32_t> client_events_;
+  std::optional<std::uint32_t> upstream_events_;
 
   std::string head_;                 // until the head is complete
   std::vector<std::uint8_t> early_;  // bytes the client sent right behind its head

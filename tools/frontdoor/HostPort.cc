@@ -17,7 +17,7 @@ bool plausibleHost(std::string_view host) {
 
 }  // namespace
 
-std::optional<HostPort> splitHostPort(std::string_view text, PortZero zero) {
+std::optional<HostPort> splitHostPort(std::string_view text) {
   std::string_view host;
   std::string_view rest;
   if (!text.empty() && text.front() == '[') {
@@ -34,7 +34,7 @@ std::optional<HostPort> splitHostPort(std::string_view text, PortZero zero) {
   }
   if (!plausibleHost(host) || rest.size() < 2 || rest.front() != ':') return std::nullopt;
   const auto port = parseDecimal<std::uint16_t>(rest.substr(1));
-  if (!port || (*port == 0 && zero == PortZero::Rejected)) return std::nullopt;
+  if (!port || *port == 0) return std::nullopt;
   return HostPort{std::string(host), *port};
 }
 

@@ -19,11 +19,9 @@ struct HostPort {
   bool operator==(const HostPort&) const = default;
 };
 
-enum class PortZero { Rejected, Accepted };
-
 // Splits "host:port" or "[v6]:port". Refuses an empty host, an unbracketed host with a colon,
-// text after the closing bracket other than ":port", and a port that is not a decimal number in
-// range (0 only when accepted).
-std::optional<HostPort> splitHostPort(std::string_view text, PortZero zero = PortZero::Rejected);
+// text after the closing bracket other than ":port", and a port that is not a decimal number
+// from 1 to 65535.
+std::optional<HostPort> splitHostPort(std::string_view text);
 
 }  // namespace tarnwick::frontdoor

@@ -15,14 +15,15 @@ bool wouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK || e
 RelayDirection::Progress RelayDirection::pump(int from, int to, std::span<std::uint8_t> scratch) {
   const ssize_t count = ::recv(from, scratch.data(), scratch.size(), 0);
   if (count > 0) return forward(to, scratch.first(static_cast<std::size_t>(count)));
-  if (count < 0) return wouldBlock(errno) ? Progress::Ok : Progress::Failed;
+  if (count < 0) return wouldBlock(errno) ? Progress::Ok : Progress::ReadFailed;
   ended_ = true;
   if (pending_.empty()) passOnEnd(to);
   return Progress::Ok;
 }
 
 RelayDirection::Progress RelayDirection::forward(int to, std::span<const std::uint8_t> bytes) {
-  if (forwarded_ == 0 && !bytes.empty() && first_bytes_) std::exchange(first_bytes_, nullptr)(bytes);
+  if (forwarded_ == 0 && !bytes.empty() && first_bytes_)
+    std::exchange(first_bytes_, nullptr)(bytes);
   forwarded_ += bytes.size();
   return write(to, bytes);
 }
@@ -41,7 +42,7 @@ RelayDirection::Progress RelayDirection::write(int to, std::span<const std::uint
     const ssize_t count = ::send(to, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
     if (count < 0) {
       if (wouldBlock(errno)) break;
-      return Progress::Failed;
+      return Progress::WriteFailed;
     }
     sent += static_cast<std::size_t>(count);
   }
@@ -54,7 +55,7 @@ RelayDirection::Progress RelayDirection::flush(int to) {
   while (pending_offset_ < pending_.size()) {
     const ssize_t count = ::send(to, pending_.data() + pending_offset_,
                                  pending_.size() - pending_offset_, MSG_NOSIGNAL);
-    if (count < 0) return wouldBlock(errno) ? Progress::Ok : Progress::Failed;
+    if (count < 0) return wouldBlock(errno) ? Progress::Ok : Progress::WriteFailed;
     pending_offset_ += static_cast<std::size_t>(count);
   }
   std::vector<std::uint8_t>().swap(pending_);  // give the memory back while idle

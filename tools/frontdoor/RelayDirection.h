@@ -15,7 +15,8 @@ namespace tarnwick::frontdoor {
 
 class RelayDirection {
  public:
-  enum class Progress { Ok, Failed };
+  // Which socket a failure was on: the one read from, or the one written to.
+  enum class Progress { Ok, ReadFailed, WriteFailed };
 
   bool wantsRead() const { return !ended_ && pending_.empty(); }
   bool wantsWrite() const { return !pending_.empty(); }

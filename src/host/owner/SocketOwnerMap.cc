@@ -39,13 +39,18 @@ SocketOwnerMap::SocketOwnerMap(std::string procRoot, std::size_t capacity)
 
 std::optional<pid_t> SocketOwnerMap::knownOwnerOf(std::uint64_t inode) {
   if (auto found = owners_.find(inode); found != owners_.end()) return found->second;
-  for (std::size_t i = 0; i < recent_.size(); ++i) {
-    if (recent_[i].fds && scanDirectory(recent_[i].pid, recent_[i].fds.get(), inode)) {
-      const pid_t pid = recent_[i].pid;
-      std::rotate(recent_.begin(), recent_.begin() + static_cast<std::ptrdiff_t>(i),
-                  recent_.begin() + static_cast<std::ptrdiff_t>(i) + 1);
+  for (std::size_t i = 0; i < recent_.size();) {
+    const pid_t pid = recent_[i];
+    const FdDirectory fds = openFds(pid);
+    if (!fds) {
+      recent_.erase(recent_.begin() + static_cast<std::ptrdiff_t>(i));  // gone
+      continue;
+    }
+    if (scanDirectory(pid, fds.get(), inode)) {
+      remember(pid);
       return pid;
     }
+    ++i;
   }
   return std::nullopt;
 }
@@ -56,9 +61,9 @@ std::optional<pid_t> SocketOwnerMap::walk(std::uint64_t inode) {
   std::sort(pids.begin(), pids.end(), std::greater<>());
   for (long number : pids) {
     const auto pid = static_cast<pid_t>(number);
-    FdDirectory fds = number > 0 ? openFds(pid) : nullptr;
+    const FdDirectory fds = number > 0 ? openFds(pid) : nullptr;
     if (fds && scanDirectory(pid, fds.get(), inode)) {
-      remember({pid, std::move(fds)});
+      remember(pid);
       return pid;
     }
   }
@@ -67,15 +72,14 @@ std::optional<pid_t> SocketOwnerMap::walk(std::uint64_t inode) {
 
 void SocketOwnerMap::learn(std::uint64_t inode, pid_t pid) {
   record(inode, pid);
-  remember({pid, openFds(pid)});
+  remember(pid);
 }
 
-// A recent owner keeps its fd directory open: the next lookup only rewinds and reads it. The
-// directory of a process that has gone reads as empty; if its PID comes back as a new process,
-// the walk finds that one and its own directory replaces the old.
-void SocketOwnerMap::remember(RecentOwner owner) {
-  std::erase_if(recent_, [&](const RecentOwner& old) { return old.pid == owner.pid; });
-  recent_.insert(recent_.begin(), std::move(owner));
+// If a recent owner's PID comes back as a new process, its sockets are that process's: whoever
+// holds the socket is its owner.
+void SocketOwnerMap::remember(pid_t pid) {
+  std::erase(recent_, pid);
+  recent_.insert(recent_.begin(), pid);
   if (recent_.size() > kRecentOwners) recent_.pop_back();
 }
 
@@ -87,7 +91,6 @@ SocketOwnerMap::FdDirectory SocketOwnerMap::openFds(pid_t pid) const {
 // connection just made tends to end at the first link read. Links are read relative to the open
 // fd directory, without a path walk per descriptor.
 bool SocketOwnerMap::scanDirectory(pid_t pid, DIR* directory, std::uint64_t inode) {
-  ::rewinddir(directory);
   std::vector<int> fds;
   while (const dirent* entry = ::readdir(directory)) {
     if (auto fd = parseDecimal<int>(entry->d_name)) fds.push_back(*fd);

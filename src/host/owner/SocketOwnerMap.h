@@ -5,8 +5,11 @@
 // that owned the latest connections (a long-running client opens one connection after another),
 // and a walk of /proc. The walk takes the newest processes first (the highest PIDs; a connection
 // usually comes from a process that just started), each from its newest descriptor down, and
-// stops at the socket, recording every socket it passes on the way. Used from one thread at a
-// time.
+// stops at the socket, recording every socket it passes on the way.
+//
+// A descriptor table is opened for the time of one scan, never kept: the map holds no
+// descriptors, however many processes come and go. A recent owner found gone is forgotten.
+// Used from one thread at a time.
 
 #include <dirent.h>
 #include <sys/types.h>
@@ -39,16 +42,12 @@ class SocketOwnerMap {
     void operator()(DIR* directory) const { ::closedir(directory); }
   };
   using FdDirectory = std::unique_ptr<DIR, CloseDirectory>;
-  struct RecentOwner {
-    pid_t pid;
-    FdDirectory fds;  // its /proc/PID/fd, kept open; null if it could not be opened
-  };
 
   FdDirectory openFds(pid_t pid) const;
   // Records the process's sockets down to `inode`; true when it holds it.
   bool scanDirectory(pid_t pid, DIR* directory, std::uint64_t inode);
   void record(std::uint64_t inode, pid_t pid);
-  void remember(RecentOwner owner);
+  void remember(pid_t pid);
 
   // How many recent owners are looked at before the walk.
   static constexpr std::size_t kRecentOwners = 8;
@@ -56,7 +55,7 @@ class SocketOwnerMap {
   const std::string proc_root_;
   const std::size_t capacity_;
   std::unordered_map<std::uint64_t, pid_t> owners_;
-  std::vector<RecentOwner> recent_;  // most recent first
+  std::vector<pid_t> recent_;  // most recent first
 };
 
 // The inode named by a descriptor link's text "socket:[12345]"; absent for anything else.

@@ -42,10 +42,11 @@ class AsioReadableWatch : public IoLane::ReadableWatch {
 
 }  // namespace
 
-AsioLane::AsioLane(std::size_t index)
-    : index_(index), keepRunning_(asio::make_work_guard(context_)), thread_([this] {
-        tlsLane = this;
-        const std::string name = "tw-lane-" + std::to_string(index_);
+AsioLane::AsioLane(std::size_t index, Role role)
+    : index_(index), keepRunning_(asio::make_work_guard(context_)), thread_([this, role] {
+        if (role == Role::Data) tlsLane = this;
+        const std::string name =
+            role == Role::Data ? "tw-lane-" + std::to_string(index_) : std::string("tw-offlane");
         pthread_setname_np(pthread_self(), name.c_str());
         context_.run();
       }) {}
@@ -64,9 +65,10 @@ std::size_t AsioRuntime::defaultLaneCount() {
   return std::clamp<std::size_t>(std::thread::hardware_concurrency(), 1, kMaxLanes);
 }
 
-AsioRuntime::AsioRuntime(std::size_t lanes) {
+AsioRuntime::AsioRuntime(std::size_t lanes)
+    : offLane_(std::make_unique<AsioLane>(0, AsioLane::Role::OffLane)) {
   for (std::size_t i = 0; i < std::max<std::size_t>(lanes, 1); ++i) {
-    lanes_.push_back(std::make_unique<AsioLane>(i));
+    lanes_.push_back(std::make_unique<AsioLane>(i, AsioLane::Role::Data));
   }
 }
 
@@ -77,7 +79,14 @@ AsioLane& AsioRuntime::pickLane() {
 
 std::shared_ptr<DispatchQueue> AsioRuntime::makeQueue(std::string label, QualityOfService qos,
                                                       QueueKind kind) {
-  if (kind == QueueKind::Blocking) return std::make_shared<ThreadQueue>(std::move(label), qos);
+  switch (kind) {
+    case QueueKind::Blocking:
+      return std::make_shared<ThreadQueue>(std::move(label), qos);
+    case QueueKind::OffLane:
+      return std::make_shared<StrandQueue>(offLane_->context(), std::move(label), qos);
+    case QueueKind::Serial:
+      break;
+  }
   return std::make_shared<StrandQueue>(pickLane().context(), std::move(label), qos);
 }
 

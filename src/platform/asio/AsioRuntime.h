@@ -1,8 +1,9 @@
 #pragma once
 // The real runtime: a few lanes (IoLane), each one thread running its own asio::io_context.
-// Serial queues are strands on a lane's context (StrandQueue); a blocking queue gets a thread of
-// its own (ThreadQueue), so a blocked read never holds a lane. Real connections (AsioConnection)
-// run their socket operations on the lane they were made on.
+// Serial queues are strands on a lane's context (StrandQueue); off-lane queues are strands on one
+// more such thread that carries no flow; a blocking queue gets a thread of its own (ThreadQueue),
+// so a blocked read never holds a lane. Real connections (AsioConnection) run their socket
+// operations on the lane they were made on.
 //
 // A lane's context is built for one thread, so posting work from the lane to itself takes no
 // lock and wakes nobody: a flow whose queues and sockets share a lane moves its bytes on that
@@ -25,7 +26,11 @@ namespace tarnwick {
 
 class AsioLane : public IoLane {
  public:
-  explicit AsioLane(std::size_t index);
+  // A data lane carries flows: work made from its thread stays on it (pickLane()). The off-lane
+  // thread is built the same way but is never picked.
+  enum class Role { Data, OffLane };
+
+  AsioLane(std::size_t index, Role role);
   AsioLane(const AsioLane&) = delete;
   AsioLane& operator=(const AsioLane&) = delete;
 
@@ -64,6 +69,7 @@ class AsioRuntime : public Runtime {
 
  private:
   std::vector<std::unique_ptr<AsioLane>> lanes_;
+  const std::unique_ptr<AsioLane> offLane_;
   std::atomic<std::size_t> nextLane_{0};
 };
 

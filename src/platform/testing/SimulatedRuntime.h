@@ -9,7 +9,8 @@
 // real timer may. asyncAfter has no leeway and fires exactly at its deadline.
 //
 // Blocking queues are real threads (blocking work cannot be simulated); they may hand work to
-// simulated queues with async() from their thread, and runUntil() waits for such work.
+// simulated queues with async() from their thread, and runUntil() waits for such work. Off-lane
+// queues are simulated queues like any other: there are no lanes to keep them off.
 
 #include <chrono>
 #include <condition_variable>
