@@ -1,0 +1,93 @@
+#include "host/selection/SelectionLane.h"
+
+#include "host/selection/ReportedUdpFlow.h"
+#include "platform/Json.h"
+
+namespace tarnwick::host {
+namespace {
+
+constexpr std::uint32_t kEventsTag = 0;
+constexpr std::uint32_t kInodesTag = 1;
+
+// Whether the provider's reply to a watch-set message says it took the set.
+bool accepted(const std::optional<Bytes>& reply) {
+  const auto document = reply ? parseJsonDocument(textOf(*reply)) : std::nullopt;
+  const Json* ok = document ? jsonMember(*document, "ok") : nullptr;
+  return ok != nullptr && ok->is_boolean() && ok->get<bool>();
+}
+
+}  // namespace
+
+std::shared_ptr<SelectionLane> SelectionLane::create(Parts parts,
+                                                     std::unique_ptr<KernelSelection> selection,
+                                                     WatchSet watched) {
+  std::shared_ptr<SelectionLane> lane(
+      new SelectionLane(std::move(parts), std::move(selection), std::move(watched)));
+  lane->watchDescriptors();
+  return lane;
+}
+
+SelectionLane::SelectionLane(Parts parts, std::unique_ptr<KernelSelection> selection,
+                             WatchSet watched)
+    : parts_(std::move(parts)), selection_(std::move(selection)), watched_(std::move(watched)) {}
+
+SelectionLane::~SelectionLane() {
+  parts_.loop->remove(selection_->eventsFd());
+  parts_.loop->remove(selection_->inodeWatchFd());
+  parts_.loop->unregisterHandler(loop_id_);
+}
+
+void SelectionLane::watchDescriptors() {
+  loop_id_ = parts_.loop->registerHandler(weak_from_this());
+  parts_.loop->add(selection_->eventsFd(), loop_id_, kEventsTag, EPOLLIN);
+  parts_.loop->add(selection_->inodeWatchFd(), loop_id_, kInodesTag, EPOLLIN);
+}
+
+void SelectionLane::onIoEvent(std::uint32_t tag, std::uint32_t) {
+  if (tag == kEventsTag) {
+    selection_->drainEvents([this](const UdpSocketReport& report) { offerUdpSocket(report); });
+  } else if (tag == kInodesTag) {
+    selection_->drainInodeChanges();
+  }
+}
+
+void SelectionLane::changeWatchSet(Bytes message,
+                                   NETransparentProxyProvider::AppMessageCompletion completion) {
+  parts_.loop->post(
+      [weak = weak_from_this(), message = std::move(message), completion = std::move(completion)] {
+        if (auto self = weak.lock()) self->applyWatchSet(message, completion);
+      });
+}
+
+// The provider answers before handleAppMessage returns, so the prune that follows sees the set
+// it holds, and no other change can come in between.
+void SelectionLane::applyWatchSet(
+    const Bytes& message, const NETransparentProxyProvider::AppMessageCompletion& completion) {
+  auto next = WatchGate::decode(message);
+  if (next) selection_->addWatched(next->first, next->second);
+  std::optional<Bytes> reply;
+  parts_.provider->handleAppMessage(message,
+                                    [&reply](std::optional<Bytes> answer) { reply = answer; });
+  if (next && accepted(reply)) watched_ = {std::move(next->first), std::move(next->second)};
+  selection_->pruneTo(watched_.signingIDs, watched_.pids);
+  if (completion) completion(std::move(reply));
+}
+
+void SelectionLane::offerUdpSocket(const UdpSocketReport& report) {
+  // The provider reports the socket, or not, and never takes a UDP flow.
+  parts_.provider->handleNewFlow(
+      std::make_shared<ReportedUdpFlow>(metaDataRecording(report.process)));
+}
+
+std::optional<FlowIntake::Origin> SelectionLane::origin(const SocketAddress& peer) const {
+  auto record = selection_->takeConnectRecord(peer);
+  if (!record) return std::nullopt;
+  return FlowIntake::Origin{{peer, record->destination}, metaDataRecording(record->process)};
+}
+
+NEFlowMetaData SelectionLane::metaDataRecording(const SelectedProcess& process) const {
+  parts_.parents->record(process.pid, process.parentPID);
+  return selection_->metaDataFor(process);
+}
+
+}  // namespace tarnwick::host
