@@ -127,7 +127,8 @@ void FlowIntake::acceptFrom(std::size_t index) {
   }
   for (Accepted& one : accepted) {
     if (one.origin.owner) {
-      offer(std::move(one.client), one.origin.tuple.destination, std::move(*one.origin.owner));
+      offer(std::move(one.client), one.origin.tuple.destination, std::move(*one.origin.owner),
+            true);
     } else {
       identifyAndOffer(std::move(one.client), one.origin.tuple);
     }
@@ -140,15 +141,17 @@ void FlowIntake::identifyAndOffer(UniqueFd client, const OriginalTuple& tuple) {
   parts_.identify(tuple.client, destination,
                   [weak = weak_from_this(), held, destination](NEFlowMetaData metaData) {
                     if (auto self = weak.lock()) {
-                      self->offer(std::move(*held), destination, std::move(metaData));
+                      self->offer(std::move(*held), destination, std::move(metaData), false);
                     }
                   });
 }
 
-void FlowIntake::offer(UniqueFd client, const SocketAddress& destination, NEFlowMetaData metaData) {
+void FlowIntake::offer(UniqueFd client, const SocketAddress& destination, NEFlowMetaData metaData,
+                       bool recorded) {
   // Without its process the provider cannot tell whether the flow is watched; it will hand it
-  // back, and that must not go unnoticed.
-  if (!metaData.sourceAppAuditToken) {
+  // back, and that must not go unnoticed. A process looked for after the fact may be found gone
+  // already, its executable unreadable: no better.
+  if (!metaData.sourceAppAuditToken || (!recorded && metaData.sourceAppSigningIdentifier.empty())) {
     parts_.counters->countUnplaced();
     hostLog().error(
         "intake: no process found for a connection to %{public}s — handed back uninspected",

@@ -95,7 +95,9 @@ class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowInt
 
   void acceptFrom(std::size_t index);
   void identifyAndOffer(UniqueFd client, const OriginalTuple& tuple);
-  void offer(UniqueFd client, const SocketAddress& destination, NEFlowMetaData metaData);
+  // `recorded`: the process was named when it connected, not looked for afterwards.
+  void offer(UniqueFd client, const SocketAddress& destination, NEFlowMetaData metaData,
+             bool recorded);
   // Out of descriptors: accept with the spare one and drop the connection, so the listener's
   // readiness does not spin the loop.
   void shedOne(int listener);
