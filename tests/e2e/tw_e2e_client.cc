@@ -172,34 +172,40 @@ void converse(int fd, const std::string& mode, std::size_t total) {
   fail(std::string("exec: ") + std::strerror(errno));
 }
 
-void sendDescriptor(int over, int fd) {
+// One byte with room for one descriptor beside it, as SCM_RIGHTS carries it.
+struct DescriptorMessage {
+  DescriptorMessage() {
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+  }
+  DescriptorMessage(const DescriptorMessage&) = delete;
+  DescriptorMessage& operator=(const DescriptorMessage&) = delete;
+
   char byte = 0;
   iovec data{&byte, 1};
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
   msghdr message{};
-  message.msg_iov = &data;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof control;
-  cmsghdr* header = CMSG_FIRSTHDR(&message);
+};
+
+void sendDescriptor(int over, int fd) {
+  DescriptorMessage sending;
+  cmsghdr* header = CMSG_FIRSTHDR(&sending.message);
   header->cmsg_level = SOL_SOCKET;
   header->cmsg_type = SCM_RIGHTS;
   header->cmsg_len = CMSG_LEN(sizeof(int));
   std::memcpy(CMSG_DATA(header), &fd, sizeof fd);
-  if (sendmsg(over, &message, 0) != 1) fail(std::string("sendmsg: ") + std::strerror(errno));
+  if (sendmsg(over, &sending.message, 0) != 1)
+    fail(std::string("sendmsg: ") + std::strerror(errno));
 }
 
 int receiveDescriptor(int over) {
-  char byte = 0;
-  iovec data{&byte, 1};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-  msghdr message{};
-  message.msg_iov = &data;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof control;
-  if (recvmsg(over, &message, 0) != 1) fail(std::string("recvmsg: ") + std::strerror(errno));
-  const cmsghdr* header = CMSG_FIRSTHDR(&message);
+  DescriptorMessage receiving;
+  if (recvmsg(over, &receiving.message, 0) != 1) {
+    fail(std::string("recvmsg: ") + std::strerror(errno));
+  }
+  const cmsghdr* header = CMSG_FIRSTHDR(&receiving.message);
   if (!header || header->cmsg_type != SCM_RIGHTS) fail("no descriptor came");
   int fd = -1;
   std::memcpy(&fd, CMSG_DATA(header), sizeof fd);
