@@ -313,11 +313,9 @@ bool ProxyHost::selectInKernel(const NETransparentProxyNetworkSettings& rules,
     hostLog().error("host: warning: %{public}s — its destinations are selected all the same",
                     unusable);
   }
-  auto kernel = KernelSelection::load(config, whyNot);
-  if (!kernel) return false;
-  kernel->addWatched(startWatchSet_.signingIDs, startWatchSet_.pids);
-  auto lane = SelectionLane::create({lanes_.front().loop, provider_, parents_}, std::move(kernel),
-                                    startWatchSet_);
+  auto lane = SelectionLane::load({lanes_.front().loop, provider_, parents_}, config,
+                                  startWatchSet_, kStartTimeout, whyNot);
+  if (!lane) return false;
   {
     MutexLock lock(mutex_);
     selection_ = std::move(lane);

@@ -1,5 +1,7 @@
 #include "host/selection/SelectionLane.h"
 
+#include <future>
+
 #include "host/selection/ReportedUdpFlow.h"
 #include "platform/Json.h"
 
@@ -18,13 +20,41 @@ bool accepted(const std::optional<Bytes>& reply) {
 
 }  // namespace
 
-std::shared_ptr<SelectionLane> SelectionLane::create(Parts parts,
-                                                     std::unique_ptr<KernelSelection> selection,
-                                                     WatchSet watched) {
-  std::shared_ptr<SelectionLane> lane(
-      new SelectionLane(std::move(parts), std::move(selection), std::move(watched)));
-  lane->watchDescriptors();
-  return lane;
+std::shared_ptr<SelectionLane> SelectionLane::load(Parts parts,
+                                                   const KernelSelection::Config& config,
+                                                   WatchSet watched, Duration patience,
+                                                   std::string& whyNot) {
+  struct Outcome {
+    std::shared_ptr<SelectionLane> lane;
+    std::string whyNot;
+  };
+  // Shared with the lane's work, which outlives this call if the wait gives up.
+  auto loaded = std::make_shared<std::promise<Outcome>>();
+  const auto loop = parts.loop;
+  auto work = [loaded, parts = std::move(parts), config, watched = std::move(watched)]() mutable {
+    Outcome outcome;
+    if (auto selection = KernelSelection::load(config, outcome.whyNot)) {
+      selection->addWatched(watched.signingIDs, watched.pids);
+      outcome.lane.reset(
+          new SelectionLane(std::move(parts), std::move(selection), std::move(watched)));
+      outcome.lane->watchDescriptors();
+    }
+    loaded->set_value(std::move(outcome));
+  };
+  // The caller's queue may live on that very lane, which could then never run posted work.
+  if (loop->isLoopThread()) {
+    work();
+  } else {
+    loop->post(std::move(work));
+  }
+  auto future = loaded->get_future();
+  if (future.wait_for(patience) != std::future_status::ready) {
+    whyNot = "the host's loop did not get to loading the programs";
+    return nullptr;
+  }
+  Outcome outcome = future.get();
+  whyNot = std::move(outcome.whyNot);
+  return std::move(outcome.lane);
 }
 
 SelectionLane::SelectionLane(Parts parts, std::unique_ptr<KernelSelection> selection,

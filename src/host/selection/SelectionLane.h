@@ -8,8 +8,8 @@
 // provider moves from the old set to the new: the new set is added first, the provider is given
 // the message, and the set is then pruned to whichever set the provider holds afterwards.
 //
-// create(): the thread that loaded the selection, before anything else uses it. origin(),
-// candidateCount(), counters(): any thread. The rest runs on the loop's lane.
+// Every call into the selection that changes it runs on the loop's lane, its loading included.
+// load(), origin(), candidateCount(), counters(): any thread.
 
 #include <cstddef>
 #include <memory>
@@ -37,11 +37,12 @@ class SelectionLane : public IoHandler, public std::enable_shared_from_this<Sele
     std::shared_ptr<RecordedParents> parents;  // learns the parent of every recorded process
   };
 
-  // Takes over `selection`, which already watches `watched` (the provider's set at its start),
-  // and puts its descriptors in the loop.
-  static std::shared_ptr<SelectionLane> create(Parts parts,
-                                               std::unique_ptr<KernelSelection> selection,
-                                               WatchSet watched);
+  // Loads kernel-side selection on the loop's lane, watching `watched` (the provider's set at its
+  // start), and puts its descriptors in the loop; waits at most `patience` for that. Null, with
+  // `whyNot` set, when it cannot be loaded.
+  static std::shared_ptr<SelectionLane> load(Parts parts, const KernelSelection::Config& config,
+                                             WatchSet watched, Duration patience,
+                                             std::string& whyNot);
   ~SelectionLane() override;
 
   // Replaces the watch set with the one `message` holds (the provider's app message), kernel side
