@@ -60,16 +60,23 @@ TEST_F(EndToEndTest, StatusShowsWhatTheInterceptorDid) {
   std::cout << "status: " << now.dump() << "\n";
   const bool kernel = kernelSelection();
   const Json lost = kernel ? Json(0) : Json(nullptr);
-  const Json expected = {
-      {"selection", selectionMode()}, {"candidates", kernel ? Json(0) : Json(nullptr)},
-      {"watchedSigningIDs", 2},       {"watchedPIDs", 0},
-      {"circuit", "closed"},          {"relayed", 1},
-      {"handedBack", kernel ? 0 : 2}, {"failedOpen", Json::object()},
-      {"udpFlowsReported", 0},        {"unplaced", 0},
-      {"bytesFromAgents", 5000},      {"bytesToAgents", 5000},
-      {"kernelEventsDropped", lost},  {"kernelRecordsFailed", lost},
-      {"kernelCandidatesLost", lost}};
+  const Json expected = {{"selection", selectionMode()},
+                         {"watchedSigningIDs", 2},
+                         {"watchedPIDs", 0},
+                         {"circuit", "closed"},
+                         {"relayed", 1},
+                         {"handedBack", kernel ? 0 : 2},
+                         {"failedOpen", Json::object()},
+                         {"udpFlowsReported", 0},
+                         {"unplaced", 0},
+                         {"bytesFromAgents", 5000},
+                         {"bytesToAgents", 5000},
+                         {"kernelEventsDropped", lost},
+                         {"kernelRecordsFailed", lost},
+                         {"kernelCandidatesLost", lost}};
   for (const auto& [key, value] : expected.items()) EXPECT_EQ(now[key], value) << key;
+  // How many processes the kernel keeps as descendants of watched programs, at that moment.
+  EXPECT_EQ(now["candidates"].is_number_unsigned(), kernel) << now.dump();
 }
 
 // Stopped while watched programs hold connections open, the interceptor ends them, so each
