@@ -28,26 +28,26 @@ namespace {
 
 using namespace std::chrono_literals;
 
-UniqueFd listenAt(const std::string& path) {
-  UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+sockaddr_un addressOf(const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  return address;
+}
+
+UniqueFd listenAt(const std::string& path) {
+  UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  const sockaddr_un address = addressOf(path);
   EXPECT_TRUE(::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
               ::listen(fd.get(), 8) == 0);
   return fd;
 }
 
-// The oldest pending connection, or an invalid one.
-UniqueFd acceptOne(const UniqueFd& listener) {
-  return UniqueFd(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-}
-
-// The oldest pending connection, once there is one (or an invalid one after 5 s).
-UniqueFd acceptWaiting(const UniqueFd& listener) {
+// The oldest pending connection, waiting up to `waitMs` for one; an invalid one if none came.
+UniqueFd acceptOne(const UniqueFd& listener, int waitMs = 0) {
   pollfd ready{listener.get(), POLLIN, 0};
-  ::poll(&ready, 1, 5000);
-  return acceptOne(listener);
+  ::poll(&ready, 1, waitMs);
+  return UniqueFd(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
 }
 
 void sendAll(const UniqueFd& fd, std::string_view bytes) {
@@ -58,18 +58,16 @@ void sendAll(const UniqueFd& fd, std::string_view bytes) {
   }
 }
 
-std::string drain(const UniqueFd& fd) {
+// What has arrived on `fd`, waiting up to `waitMs` for the first bytes.
+std::string drain(const UniqueFd& fd, int waitMs = 0) {
+  pollfd ready{fd.get(), POLLIN, 0};
+  ::poll(&ready, 1, waitMs);
   std::string out;
   char chunk[65536];
   for (ssize_t n; (n = ::recv(fd.get(), chunk, sizeof(chunk), MSG_DONTWAIT)) > 0;) {
     out.append(chunk, static_cast<std::size_t>(n));
   }
   return out;
-}
-
-void write(const UniqueFd& fd, const std::string& bytes) {
-  EXPECT_EQ(::send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
-            static_cast<ssize_t>(bytes.size()));
 }
 
 Json alive(int ts) { return {{"kind", "proxyext.alive"}, {"ts", ts}}; }
@@ -260,10 +258,10 @@ TEST_P(InboundTest, EachCompletePolicyPushLineReplacesTheProcessPolicyOnce) {
                             R"("deny":["*.blocked.example"]}}})"));
   const UniqueFd daemon = connectDaemon();
   for (const std::string& bytes : GetParam().writes) {
-    write(daemon, bytes);
+    sendAll(daemon, bytes);
     env_->runUntil([] { return false; }, 20ms);
   }
-  write(daemon, kPush + "\n");  // applied last: every line before it has been handled
+  sendAll(daemon, kPush + "\n");  // applied last: every line before it has been handled
   EXPECT_TRUE(env_->runUntil([&] { return applied() == GetParam().pushes + 1; }));
   EXPECT_EQ(decide(), EnforcementPolicy::Verdict::Allow) << "the last push replaced the policy";
   EXPECT_EQ(drain(daemon), "") << "nothing is answered";
@@ -294,51 +292,59 @@ TEST_F(BridgeTest, DestroyingTheBridgeEndsItsBlockedReadLoop) {
 
 // On the real runtime, the bridge's work (its blocking connect and writes, its line handling)
 // runs on no lane that carries flows.
-TEST(BridgeRuntimeTest, BridgeWorkRunsOffTheLanes) {
-  char pattern[] = "/tmp/twb-XXXXXX";
-  ASSERT_NE(::mkdtemp(pattern), nullptr);
-  const std::string path = std::string(pattern) + "/ne.sock";
-  const UniqueFd listener = listenAt(path);
+TEST_F(BridgeTest, OnTheRealRuntimeBridgeWorkRunsOffTheLanes) {
+  const UniqueFd listener = listenAt(path_);
   std::promise<bool> onALane;
-  DaemonBridge::Options options;
-  options.policySink = [&](const Json&) {
+  options_.policySink = [&](const Json&) {
     bool any = false;
     for (std::size_t i = 0; i < ioLaneCount(); ++i) any = any || ioLane(i).isCurrent();
     onALane.set_value(any);
   };
-  auto bridge = DaemonBridge::create(realRuntime(), path, options);
-  bridge->adoptPath(path, true);
-  const UniqueFd daemon = acceptWaiting(listener);
+  auto bridge = DaemonBridge::create(realRuntime(), path_, options_);
+  bridge->adoptPath(path_, true);
+  const UniqueFd daemon = acceptOne(listener, 5000);
   sendAll(daemon, kPush + "\n");
   auto handled = onALane.get_future();
   ASSERT_EQ(handled.wait_for(5s), std::future_status::ready);
   EXPECT_FALSE(handled.get());
-  bridge.reset();
-  std::filesystem::remove_all(pattern);
 }
 
 // The daemon companion's server pushes its policy line on every connection it serves and hands
-// on each line it receives; its thread reports through a simulated queue so runUntil() sees it.
-TEST_F(BridgeTest, DaemonToolPushesOnEveryConnectionAndReceivesEachEvent) {
+// on each line it receives. Each connection cuts its own lines: one that ends in the middle of a
+// line takes the partial line with it. Its thread reports through a simulated queue so
+// runUntil() sees it.
+TEST_F(BridgeTest, DaemonToolPushesOnEveryConnectionAndCutsEachOnesOwnLines) {
   const auto queue = env_->makeQueue("daemon", QualityOfService::Default);
-  std::vector<std::string> events;
-  const auto onEvent = [&events, queue](std::string_view line) {
-    queue->async([&events, line = std::string(line)] { events.push_back(line); });
+  std::vector<std::string> lines;  // events, and "disconnected" as each connection ends
+  const auto note = [&lines, queue](std::string_view line) {
+    queue->async([&lines, line = std::string(line)] { lines.push_back(line); });
   };
   std::string error;
   const auto server = daemon::DaemonServer::create(dir_ + "/sub/ne.sock", kPush + "\n",
-                                                   {onEvent, [](std::string_view) {}}, error);
+                                                   {note,
+                                                    [&](std::string_view status) {
+                                                      if (status == "disconnected") note(status);
+                                                    }},
+                                                   error);
   ASSERT_TRUE(server) << error;
   std::thread thread([&] { server->run(); });
+  {
+    const UniqueFd client(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const sockaddr_un address = addressOf(server->path());
+    EXPECT_EQ(::connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
+              0);
+    sendAll(client, R"({"kind":"cut)");
+    EXPECT_EQ(drain(client, 5000), kPush + "\n");
+  }
   bridge().adoptPath(server->path(), true);
   EXPECT_TRUE(env_->runUntil([&] { return applied() == 1; }));
   send(alive(1));
   bridge().reconnect(server->path());
   EXPECT_TRUE(env_->runUntil([&] { return applied() == 2; }));
   send(alive(2));
-  EXPECT_TRUE(env_->runUntil([&] { return events.size() == 2; }));
-  EXPECT_EQ(events, (std::vector<std::string>{R"({"kind":"proxyext.alive","ts":1})",
-                                              R"({"kind":"proxyext.alive","ts":2})"}));
+  EXPECT_TRUE(env_->runUntil([&] { return lines.size() == 4; }));
+  EXPECT_EQ(lines, (std::vector<std::string>{"disconnected", alive(1).dump(), "disconnected",
+                                             alive(2).dump()}));
   server->stop();
   thread.join();
 }
