@@ -26,24 +26,24 @@ namespace {
 using Sets = std::pair<WatchGate::SigningSet, WatchGate::PidSet>;
 
 TEST(WatchGate, DecodesWatchSetMessages) {
-  for (const std::string bad : {"", "watchedPIDs=1", "[1,2]"}) {
-    EXPECT_EQ(WatchGate::decode(Bytes(bad.begin(), bad.end())), std::nullopt) << bad;
-  }
-  for (const auto& [message, sets] : std::vector<std::pair<std::string, Sets>>{
+  for (const auto& [message, sets] : std::vector<std::pair<std::string, std::optional<Sets>>>{
+           {"", std::nullopt},
+           {"watchedPIDs=1", std::nullopt},
+           {"[1,2]", std::nullopt},
            {R"({"watchedSigningIDs":["com.example.agent"],"watchedPIDs":[4123,"4177"],"x":1})",
-            {{"com.example.agent"}, {4123, 4177}}},
-           {"{}", {}},
+            Sets{{"com.example.agent"}, {4123, 4177}}},
+           {"{}", Sets{}},
            // Empty texts are dropped, the rest kept exactly; one non-text element discards all.
-           {R"({"watchedSigningIDs":["a",""," A "]})", {{"a", " A "}, {}}},
-           {R"({"watchedSigningIDs":["a",5],"watchedPIDs":7})", {}},
+           {R"({"watchedSigningIDs":["a",""," A "]})", Sets{{"a", " A "}, {}}},
+           {R"({"watchedSigningIDs":["a",5],"watchedPIDs":7})", Sets{}},
            // A text holding a JSON array stands for the array; any other text for nothing.
-           {R"({"watchedSigningIDs":"[\"a\"]","watchedPIDs":"[7,\"8\"]"})", {{"a"}, {7, 8}}},
-           {R"({"watchedSigningIDs":"a","watchedPIDs":"{\"a\":7}"})", {}},
+           {R"({"watchedSigningIDs":"[\"a\"]","watchedPIDs":"[7,\"8\"]"})", Sets{{"a"}, {7, 8}}},
+           {R"({"watchedSigningIDs":"a","watchedPIDs":"{\"a\":7}"})", Sets{}},
            // PID elements are skipped one by one; numbers truncate, Booleans count as 1 and 0.
            {R"({"watchedPIDs":[12,"13","x",14.9,null,"15 ",[16],{"p":17},"-4","+5","+-6","-",)"
             R"(true,false,"9223372036854775807","9223372036854775808"]})",
-            {{}, {12, 13, 14, -4, 5, 1, 0, INT64_MAX}}}}) {
-    EXPECT_EQ(WatchGate::decode(Bytes(message.begin(), message.end())), sets) << message;
+            Sets{{}, {12, 13, 14, -4, 5, 1, 0, INT64_MAX}}}}) {
+    EXPECT_EQ(WatchGate::decode(bytesOf(message)), sets) << message;
   }
 }
 
@@ -61,7 +61,6 @@ TEST(WatchGate, MatchesSigningIdentifiersExactlyAndPidsOtherThanZero) {
   }
 }
 
-// Each step is a flow under PID 500: its PID version, signing identifier and the verdict.
 // A reader running while the set is replaced sees the old set or the new one, never half of
 // each: here "a" and 7 are watched together or not at all, so ("a", 1) is always watched.
 TEST(WatchGate, ConcurrentReadersNeverSeeHalfAnUpdate) {
@@ -69,13 +68,7 @@ TEST(WatchGate, ConcurrentReadersNeverSeeHalfAnUpdate) {
   gate.update({"a"}, {7});
   std::atomic<bool> done{false};
   std::thread writer([&] {
-    for (int i = 0; i < 2000; ++i) {
-      if (i % 2 == 0) {
-        gate.update({"x"}, {1});
-      } else {
-        gate.update({"a"}, {7});
-      }
-    }
+    for (int i = 0; i < 2000; ++i) i % 2 ? gate.update({"a"}, {7}) : gate.update({"x"}, {1});
     done = true;
   });
   int torn = 0;
@@ -84,6 +77,7 @@ TEST(WatchGate, ConcurrentReadersNeverSeeHalfAnUpdate) {
   EXPECT_EQ(torn, 0);
 }
 
+// Each step is a flow under PID 500: its PID version, signing identifier and the verdict.
 TEST(IdentityGate, BindsAPidToItsFirstProcessAgainstReuse) {
   using Steps = std::vector<std::tuple<std::int64_t, const char*, bool>>;
   for (const auto& [name, steps] : std::vector<std::pair<const char*, Steps>>{
@@ -207,13 +201,23 @@ TEST(AuditToken, TokensNotThirtyTwoBytesLongGiveTheFailureValues) {
 
 std::string canonical(const char* path) { return std::filesystem::canonical(path).string(); }
 
-// A child of this process is named by the process table and by its audit token until it is
-// reaped; a token whose PID version is not the process's names nothing. glibc's posix_spawn
-// returns once the child runs the program, so /proc already describes it.
-TEST(LiveProcess, IsNamedUntilReaped) {
+// Runs `path` (a copy of sleep) as a child of this process. glibc's posix_spawn returns once the
+// child runs the program, so /proc already describes it.
+pid_t spawnSleeper(const std::string& path) {
   pid_t pid = 0;
-  const char* argv[] = {"/bin/sleep", "30", nullptr};
+  const char* argv[] = {path.c_str(), "30", nullptr};
   EXPECT_EQ(posix_spawn(&pid, argv[0], nullptr, nullptr, const_cast<char**>(argv), environ), 0);
+  return pid;
+}
+
+void reap(pid_t pid) {
+  if (pid > 0 && ::kill(pid, SIGKILL) == 0) ::waitpid(pid, nullptr, 0);
+}
+
+// A child of this process is named by the process table and by its audit token until it is
+// reaped; a token whose PID version is not the process's names nothing.
+TEST(LiveProcess, IsNamedUntilReaped) {
+  const pid_t pid = spawnSleeper("/bin/sleep");
   const auto token = auditTokenForPID(pid);
   EXPECT_EQ(pidFromAuditTokenData(token), pid);
   EXPECT_EQ(pidVersionFromAuditTokenData(token),
@@ -228,7 +232,7 @@ TEST(LiveProcess, IsNamedUntilReaped) {
   stale[28] ^= 1;  // the PID version word
   EXPECT_EQ(signingIDFromAuditTokenData(stale), std::nullopt);
 
-  if (pid > 0 && ::kill(pid, SIGKILL) == 0) ::waitpid(pid, nullptr, 0);
+  reap(pid);
   EXPECT_EQ(auditTokenForPID(pid), std::nullopt);
   EXPECT_EQ(signingIDFromAuditTokenData(token), std::nullopt);
   for (std::int64_t gone :
@@ -256,9 +260,7 @@ TEST(LiveProcess, KeepsThePathItStartedFromWhenItsFileGoes) {
   for (const auto& [path, then, identity] : cases) {
     SCOPED_TRACE(path + " " + std::to_string(static_cast<int>(then)));
     std::filesystem::copy_file("/bin/sleep", path);
-    pid_t pid = 0;
-    const char* argv[] = {path.c_str(), "30", nullptr};
-    ASSERT_EQ(posix_spawn(&pid, argv[0], nullptr, nullptr, const_cast<char**>(argv), environ), 0);
+    const pid_t pid = spawnSleeper(path);
     if (then != Then::Stays) std::filesystem::remove(path);
     if (then == Then::Replaced) {
       std::filesystem::copy_file("/bin/true", path + ".new");
@@ -266,8 +268,7 @@ TEST(LiveProcess, KeepsThePathItStartedFromWhenItsFileGoes) {
     }
     EXPECT_EQ(AncestryGate::realSigningID(pid), identity);
     EXPECT_EQ(signingIDFromAuditTokenData(auditTokenForPID(pid)), identity);
-    ::kill(pid, SIGKILL);
-    ::waitpid(pid, nullptr, 0);
+    reap(pid);
     std::filesystem::remove(path);
   }
   std::filesystem::remove_all(directory);
