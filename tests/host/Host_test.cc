@@ -232,14 +232,13 @@ class ProxyHostTest : public ::testing::Test {
       then(NEFlowMetaData{"/usr/bin/agent", bytesOf(hostEndpointOf(client).hostname + "->" +
                                                     hostEndpointOf(destination).port)});
     };
+    options.providerStatus = [] {
+      return Json{{"watchedSigningIDs", 2}, {"watchedPIDs", 1}, {"circuit", "closed"}};
+    };
     return options;
   }
   void start() {
-    auto hostOptions = options();
-    hostOptions.providerStatus = [] {
-      return Json{{"watchedSigningIDs", 2}, {"watchedPIDs", 1}, {"circuit", "closed"}};
-    };
-    host_ = ProxyHost::create(provider_, std::move(hostOptions));
+    host_ = ProxyHost::create(provider_, options());
     ASSERT_EQ(host_->start(Json{{"frontDoorPort", 8443}}), std::nullopt);
   }
   TestClient connect(const std::string& family = "127.0.0.1") {
