@@ -73,6 +73,15 @@ INSTANTIATE_TEST_SUITE_P(
         EndingCase{"DestinationHalfCloses", Side::Destination, Ending::HalfClose, "closed"}),
     CaseName{});
 
+// The socket's TCP_INFO; `reported` takes how much of it this kernel fills in.
+tcp_info tcpInfo(const UniqueFd& fd, socklen_t* reported = nullptr) {
+  tcp_info info{};
+  socklen_t length = sizeof info;
+  ::getsockopt(fd.get(), IPPROTO_TCP, TCP_INFO, &info, &length);
+  if (reported != nullptr) *reported = length;
+  return info;
+}
+
 // The kernel's TCP_CLOSE state: the socket's end has been acknowledged after the peer's.
 constexpr std::uint8_t kTcpClosed = 7;
 

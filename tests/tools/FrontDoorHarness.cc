@@ -2,22 +2,12 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
 #include "platform/posix/Sockets.h"
 
 namespace tarnwick::frontdoor {
-
-namespace {
-
-void setPatience(int fd) {
-  const timeval patience{kPatience.count(), 0};
-  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
-}
-
-}  // namespace
 
 RunningFrontDoor::RunningFrontDoor(FrontDoorConfig config) {
   std::string error;
@@ -58,7 +48,8 @@ EchoServer::EchoServer(const std::string& host) {
   acceptor_ = std::jthread([this] {
     for (int client; (client = ::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
       workers_.emplace_back([fd = UniqueFd(client)] {
-        setPatience(fd.get());
+        const timeval patience{5, 0};
+        ::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
         char buffer[64 * 1024];
         for (ssize_t n; (n = ::recv(fd.get(), buffer, sizeof(buffer), 0)) > 0;) {
           if (::send(fd.get(), buffer, static_cast<std::size_t>(n), MSG_NOSIGNAL) != n) break;
@@ -70,6 +61,15 @@ EchoServer::EchoServer(const std::string& host) {
 }
 
 EchoServer::~EchoServer() { ::shutdown(listener_.get(), SHUT_RDWR); }
+
+namespace {
+
+void setPatience(int fd) {
+  const timeval patience{kPatience.count(), 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+}
+
+}  // namespace
 
 ManualDestination::ManualDestination() {
   std::string error;
@@ -104,14 +104,6 @@ void setReceiveBuffer(int fd, int bytes) {
 void sendAll(const UniqueFd& fd, const std::string& bytes) {
   // A blocking send sends it all, unless the connection fails.
   ::send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-}
-
-tcp_info tcpInfo(const UniqueFd& fd, socklen_t* reported) {
-  tcp_info info{};
-  socklen_t length = sizeof info;
-  ::getsockopt(fd.get(), IPPROTO_TCP, TCP_INFO, &info, &length);
-  if (reported != nullptr) *reported = length;
-  return info;
 }
 
 std::string readExactly(const UniqueFd& fd, std::size_t count) {

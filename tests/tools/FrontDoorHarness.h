@@ -3,8 +3,6 @@
 // destinations and blocking client sockets, all on loopback. Every blocking read gives up after
 // kPatience, so a broken test fails instead of hanging.
 
-#include <linux/tcp.h>
-
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -75,8 +73,6 @@ UniqueFd connectTo(const SocketAddress& address, const std::function<void(int fd
 // Keeps the window the socket advertises that small.
 void setReceiveBuffer(int fd, int bytes);
 void sendAll(const UniqueFd& fd, const std::string& bytes);
-// The socket's TCP_INFO; `reported` takes how much of it this kernel fills in.
-tcp_info tcpInfo(const UniqueFd& fd, socklen_t* reported = nullptr);
 // Exactly `count` bytes, or fewer when the stream ends, fails or stays silent first.
 std::string readExactly(const UniqueFd& fd, std::size_t count);
 // Every byte up to the stream's end, then how it ended: "|end" (a FIN), "|reset", "|timeout" or

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 
@@ -152,7 +153,10 @@ TEST(FrontDoorTest, BurstOfConnectsIsServedWhole) {
   std::uint64_t retransmitted = 0;
   for (const UniqueFd& client : clients) {
     acknowledged += readExactly(client, ack.size()) == ack;
-    retransmitted += tcpInfo(client).tcpi_total_retrans;
+    tcp_info info{};
+    socklen_t length = sizeof info;
+    ::getsockopt(client.get(), IPPROTO_TCP, TCP_INFO, &info, &length);
+    retransmitted += info.tcpi_total_retrans;
   }
   EXPECT_EQ(acknowledged, kBurst);
   EXPECT_EQ(retransmitted, 0u);
