@@ -164,13 +164,10 @@ struct RecordingProvider : PassThroughProvider {
 class ControlServerTest : public ::testing::Test {
  protected:
   void serve(ControlAccess access = ControlAccess(), ControlServer::Limits limits = {}) {
+    const auto status = [] { return Json{{"relays", 3}}; };
     server_ = ControlServer::create(
         {loop_, realRuntime()->makeQueue("framework", QualityOfService::Default), simulated_,
-         provider_,
-         [] {
-           return Json{{"relays", 3}};
-         },
-         access, limits, nullptr});
+         provider_, status, access, limits, nullptr});
     std::string error;
     ASSERT_TRUE(server_->listen(path_, error)) << error;
   }

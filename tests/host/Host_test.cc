@@ -6,7 +6,6 @@
 // real client are tested through the run command, in Commands_test.)
 
 #include <gtest/gtest.h>
-#include <malloc.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -233,14 +232,13 @@ class ProxyHostTest : public ::testing::Test {
       then(NEFlowMetaData{"/usr/bin/agent", bytesOf(hostEndpointOf(client).hostname + "->" +
                                                     hostEndpointOf(destination).port)});
     };
+    options.providerStatus = [] {
+      return Json{{"watchedSigningIDs", 2}, {"watchedPIDs", 1}, {"circuit", "closed"}};
+    };
     return options;
   }
   void start() {
-    auto hostOptions = options();
-    hostOptions.providerStatus = [] {
-      return Json{{"watchedSigningIDs", 2}, {"watchedPIDs", 1}, {"circuit", "closed"}};
-    };
-    host_ = ProxyHost::create(provider_, std::move(hostOptions));
+    host_ = ProxyHost::create(provider_, options());
     ASSERT_EQ(host_->start(Json{{"frontDoorPort", 8443}}), std::nullopt);
   }
   TestClient connect(const std::string& family = "127.0.0.1") {
@@ -259,15 +257,6 @@ class ProxyHostTest : public ::testing::Test {
   std::atomic<bool> redirected_{true};
   std::shared_ptr<ProxyHost> host_;
 };
-
-TEST_F(ProxyHostTest, StartsTheProviderAndUndoesEverythingOnStop) {
-  start();
-  EXPECT_EQ(provider_->started, (Json{{"frontDoorPort", 8443}}));
-  EXPECT_EQ(fs::status(controlPath_).permissions(), fs::perms::owner_read | fs::perms::owner_write);
-  host_->stop();
-  EXPECT_TRUE(provider_->stopped);
-  EXPECT_NE(::access(controlPath_.c_str(), F_OK), 0);
-}
 
 // A connection that was not redirected (the kernel names no other destination) is closed
 // unoffered; a redirected one is offered with its destination and its process, looked up from
@@ -298,42 +287,17 @@ TEST_F(ProxyHostTest, ATakenFlowCarriesBothWaysUntilTheClientEnds) {
   EXPECT_EQ(client.error(), 0);
 }
 
-// A read waits for readiness without a buffer, so idle flows cost no memory for their reads.
-TEST_F(ProxyHostTest, IdleFlowsHoldNoReadBuffers) {
-  constexpr int kFlows = 32;
-  provider_->take = true;
-  start();
-  const auto heap = [] {
-    return static_cast<std::int64_t>(mallinfo2().uordblks + mallinfo2().hblkhd);
-  };
-  const std::int64_t before = heap();
-  std::vector<TestClient> clients;
-  for (int i = 0; i < kFlows; ++i) clients.push_back(connect());
-  ASSERT_TRUE(eventually([&] { return provider_->reads == kFlows; }));
-  EXPECT_LT(heap() - before, kFlows * 16384);
-}
-
-// Each connection carries one message, answered with the provider's reply.
-TEST_F(ProxyHostTest, ControlSocketAnswersOneMessagePerConnection) {
-  start();
-  std::string error;
-  for (const char* message : {R"({"watchedPIDs":[7]})", ""}) {
-    EXPECT_EQ(sendControlRequest(controlPath_, ControlOperation::Watch, bytesOf(message), error),
-              bytesOf("{\"ok\":false}"))
-        << error;
-  }
-}
-
-// What a status query shows: the provider's part, the flows carried now, and what was counted
-// since the start.
+// A watch set is answered with the provider's reply. A status query shows the provider's part,
+// the flows carried now, and what was counted since the start.
 TEST_F(ProxyHostTest, StatusShowsTheProviderTheFlowsAndTheCounts) {
   provider_->take = true;
   start();
-  const auto status = [&] {
+  const auto ask = [&](ControlOperation operation, const char* body = "") {
     std::string error;
-    const auto reply = sendControlRequest(controlPath_, ControlOperation::Status, {}, error);
+    const auto reply = sendControlRequest(controlPath_, operation, bytesOf(body), error);
     return parseJsonDocument(textOf(reply.value_or(Bytes{}))).value_or(Json());
   };
+  EXPECT_EQ(ask(ControlOperation::Watch, R"({"watchedPIDs":[7]})"), (Json{{"ok", false}}));
   TestClient client = connect();
   EXPECT_EQ(passed(client, client, "ping"), "ping");
   redirected_ = false;
@@ -362,20 +326,24 @@ TEST_F(ProxyHostTest, StatusShowsTheProviderTheFlowsAndTheCounts) {
                       {"kernelEventsDropped", nullptr},
                       {"kernelRecordsFailed", nullptr},
                       {"kernelCandidatesLost", nullptr}};
-  EXPECT_TRUE(eventually([&] { return status() == expected; }));
-  EXPECT_EQ(status(), expected);
+  EXPECT_TRUE(eventually([&] { return ask(ControlOperation::Status) == expected; }));
+  EXPECT_EQ(ask(ControlOperation::Status), expected);
 }
 
-// A stop ends the flows the provider still carries: their clients see a reset, the provider's
-// pending reads fail, so it lets go of them, and the stop returns at once.
-TEST_F(ProxyHostTest, StopEndsTheFlowsStillCarried) {
+// The provider starts with the options given. A stop ends the flows the provider still carries:
+// their clients see a reset, the provider's pending reads fail, so it lets go of them, and the
+// stop returns at once, having stopped the provider and removed the control socket.
+TEST_F(ProxyHostTest, StopEndsTheFlowsStillCarriedAndUndoesTheStart) {
   provider_->take = true;
   start();
+  EXPECT_EQ(provider_->started, (Json{{"frontDoorPort", 8443}}));
   std::vector<TestClient> clients;
   for (int i = 0; i < 3; ++i) clients.push_back(connect(i % 2 ? "::1" : "127.0.0.1"));
   ASSERT_TRUE(eventually([&] { return provider_->reads == 3; }));
   host_->stop();
   EXPECT_EQ(provider_->reads, 0);
+  EXPECT_TRUE(provider_->stopped);
+  EXPECT_NE(::access(controlPath_.c_str(), F_OK), 0);
   for (TestClient& client : clients) {
     EXPECT_EQ(client.readToEnd(), "");
     EXPECT_EQ(client.error(), ECONNRESET);
