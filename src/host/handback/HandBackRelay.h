@@ -14,8 +14,8 @@
 
 #include "host/HostLoop.h"
 #include "platform/posix/PipePool.h"
-#include "platform/posix/SplicePump.h"
 #include "platform/posix/SocketAddress.h"
+#include "platform/posix/SplicePump.h"
 #include "platform/posix/UniqueFd.h"
 
 namespace tarnwick::host {

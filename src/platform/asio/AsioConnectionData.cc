@@ -63,7 +63,8 @@ void AsioConnection::completeSendLocked(std::optional<NWError> error) {
   sends_.pop_front();
   written_ = 0;
   if (done.completion) {
-    postLocked([c = std::move(done.completion), error = std::move(error)] { c(error); });
+    postLocked([c = std::move(done.completion), error = std::move(error)] { c(error); },
+               /*owed=*/true);
   }
 }
 
@@ -128,7 +129,8 @@ void AsioConnection::completeReceiveLocked(bool isComplete, std::optional<NWErro
   std::optional<Bytes> content;
   if (!inbound_.empty()) content = std::exchange(inbound_, Bytes());
   postLocked([c = std::move(done.completion), content = std::move(content), isComplete,
-              error = std::move(error)]() mutable { c(std::move(content), isComplete, error); });
+              error = std::move(error)]() mutable { c(std::move(content), isComplete, error); },
+             /*owed=*/true);
 }
 
 // Before ready nothing was written or read, so pending operations are dropped without their

@@ -57,8 +57,7 @@ bool SplicePump::fill(int from, Step& step) {
 }
 
 bool SplicePump::drain(int to, Step& step) {
-  const ssize_t out =
-      ::splice(pipe_->read.get(), nullptr, to, nullptr, buffered_, kSpliceFlags);
+  const ssize_t out = ::splice(pipe_->read.get(), nullptr, to, nullptr, buffered_, kSpliceFlags);
   if (out < 0 && !wouldBlock()) {
     step.error = errno;
     return false;
