@@ -9,7 +9,7 @@ namespace tarnwick {
 NEError relayResetError() { return {ECONNRESET, "reset carried from the other side"}; }
 
 void closeLegs(const RelayEnding& ending, NEAppProxyTCPFlow& flow, NWConnection& upstream,
-               const FlowTarget& target) {
+               const FlowTarget& target, StreamSplice* splice) {
   using Kind = RelayEnding::Kind;
   if (ending.kind != Kind::Clean) {
     const bool agentCut = ending.kind == Kind::AgentCut;
@@ -18,6 +18,12 @@ void closeLegs(const RelayEnding& ending, NEAppProxyTCPFlow& flow, NWConnection&
         "to the %{public}s",
         agentCut ? "agent" : "upstream", target.host, target.port, ending.detail,
         agentCut ? "upstream" : "agent");
+  }
+  if (splice) {
+    using Closing = StreamSplice::Closing;
+    splice->close(ending.kind == Kind::AgentCut      ? Closing::ResetUpstream
+                  : ending.kind == Kind::UpstreamCut ? Closing::ResetAgent
+                                                     : Closing::Orderly);
   }
   if (ending.kind == Kind::AgentCut) {
     upstream.forceCancel();

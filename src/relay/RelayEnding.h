@@ -8,6 +8,7 @@
 
 #include "platform/Network.h"
 #include "platform/NetworkExtension.h"
+#include "platform/StreamSplicer.h"
 #include "relay/FlowTarget.h"
 
 namespace tarnwick {
@@ -35,8 +36,9 @@ struct RelayEnding {
 // The error a flow is closed with to reset the agent's connection.
 NEError relayResetError();
 
-// Closes both legs as `ending` says; a cut is logged as carried.
+// Closes both legs as `ending` says; a cut is logged as carried. Legs whose sockets a splice
+// carries are closed through `splice`.
 void closeLegs(const RelayEnding& ending, NEAppProxyTCPFlow& flow, NWConnection& upstream,
-               const FlowTarget& target);
+               const FlowTarget& target, StreamSplice* splice = nullptr);
 
 }  // namespace tarnwick

@@ -138,9 +138,10 @@ void RelaySession::sendUpstream(const std::shared_ptr<NWConnection>& to, Bytes b
             to = std::weak_ptr<NWConnection>(to)](std::optional<NWError> error) {
              auto self = weak.lock();
              if (!self) return;
+             auto sentTo = to.lock();
              if (error) {
-               self->onUpstreamWriteFailed(to.lock(), *error);
-             } else {
+               self->onUpstreamWriteFailed(sentTo, *error);
+             } else if (!sentTo || !self->trySplice(sentTo)) {
                self->readAgent();
              }
            });
@@ -230,7 +231,7 @@ void RelaySession::deliverToAgent(std::shared_ptr<NWConnection> conn, Bytes byte
       self->finishWith(RelayEnding::agentCut(e->localizedDescription));
     } else if (isComplete || error) {
       self->onUpstreamEnded(conn, error);
-    } else {
+    } else if (!self->trySplice(conn)) {
       self->readUpstream(conn);
     }
   });
@@ -349,6 +350,104 @@ void RelaySession::reportSever() {
   if (auto provider = services_->context.lock()) provider->recordCommittedSeverIfUnhealthy();
 }
 
+bool RelaySession::trySplice(const std::shared_ptr<NWConnection>& conn) {
+  if (!services_->splicer) return false;
+  {
+    MutexLock lock(mutex_);
+    if (!canSpliceLockHeld(conn)) return false;
+  }
+  StreamSplicer::Started started =
+      services_->splicer->splice(*flow_, *conn, flowQueue_, spliceEvents());
+  std::optional<RelayEnding> endedMeanwhile;
+  {
+    MutexLock lock(mutex_);
+    if (!started.splice) {
+      spliceRefused_ = started.refusal == StreamSplicer::Refusal::Never;
+      return false;
+    }
+    if (phase_ == Phase::Done) {
+      endedMeanwhile = ending_;
+    } else {
+      splice_ = started.splice;
+    }
+  }
+  // The session ended while the legs were being handed over: their sockets close as it said.
+  if (endedMeanwhile)
+    closeLegs(*endedMeanwhile, *flow_, *conn, fields_.target, started.splice.get());
+  return true;
+}
+
+// Only while the replay copy can no longer be used, and never across an end of stream: a
+// direction that has ended has nothing left for a splice to carry.
+bool RelaySession::canSpliceLockHeld(const std::shared_ptr<NWConnection>& conn) {
+  return phase_ == Phase::Relaying && conn == upstream_ && !splice_ && !spliceRefused_ &&
+         (committed_ || !buffering_) && !agentEnded_ && !upstreamEnded_;
+}
+
+SpliceEvents RelaySession::spliceEvents() {
+  return {[weak = weak_from_this()](SpliceDirection direction, std::size_t bytes) {
+            if (auto self = weak.lock()) self->onSpliceMoved(direction, bytes);
+          },
+          [weak = weak_from_this()](SpliceDirection direction) {
+            if (auto self = weak.lock()) self->onSpliceEnded(direction);
+          },
+          [weak = weak_from_this()](SpliceSide side, NWError error) {
+            if (auto self = weak.lock()) self->onSpliceFailed(side, error);
+          }};
+}
+
+// The first bytes from upstream commit a session spliced before its commitment; afterwards every
+// report of traffic either way keeps the idle watchdog from firing.
+void RelaySession::onSpliceMoved(SpliceDirection direction, std::size_t bytes) {
+  bool first = false;
+  std::shared_ptr<RelayWatchdog> idle;
+  {
+    MutexLock lock(mutex_);
+    if (phase_ != Phase::Relaying || bytes == 0) return;
+    if (direction == SpliceDirection::UpstreamToAgent && !committed_) {
+      committed_ = true;
+      first = true;
+    } else if (committed_) {
+      idle = watchdog_;
+    }
+  }
+  if (first) {
+    onFirstResponseByte();
+  } else if (idle) {
+    idle->kick();
+  }
+}
+
+// The splice has passed the end on as a half-close; what is left is the session's bookkeeping.
+void RelaySession::onSpliceEnded(SpliceDirection direction) {
+  std::shared_ptr<NWConnection> upstream;
+  bool bothEnded;
+  {
+    MutexLock lock(mutex_);
+    if (phase_ != Phase::Relaying) return;
+    upstream = upstream_;
+    if (direction == SpliceDirection::UpstreamToAgent) {
+      bothEnded = false;
+    } else {
+      agentEnded_ = true;
+      bothEnded = upstreamEnded_;
+    }
+  }
+  if (direction == SpliceDirection::UpstreamToAgent) return onUpstreamEnded(upstream, std::nullopt);
+  if (bothEnded) finish();
+}
+
+void RelaySession::onSpliceFailed(SpliceSide side, const NWError& error) {
+  if (side == SpliceSide::Agent)
+    return finishWith(RelayEnding::agentCut(error.localizedDescription));
+  std::shared_ptr<NWConnection> upstream;
+  {
+    MutexLock lock(mutex_);
+    upstream = upstream_;
+  }
+  onUpstreamEnded(upstream, error);
+}
+
 void RelaySession::dropReplayLockHeld() {
   buffering_ = false;
   Bytes().swap(early_);
@@ -370,6 +469,7 @@ bool RelaySession::endAnnouncement() {
 void RelaySession::finishWith(const RelayEnding& ending) {
   std::shared_ptr<NWConnection> upstream, dialing;
   std::shared_ptr<RelayWatchdog> watchdog;
+  std::shared_ptr<StreamSplice> splice;
   {
     MutexLock lock(mutex_);
     if (phase_ == Phase::Done) return;
@@ -379,13 +479,15 @@ void RelaySession::finishWith(const RelayEnding& ending) {
       return;
     }
     phase_ = Phase::Done;
+    ending_ = ending;
     upstream = upstream_;
     dialing = std::exchange(dialing_, nullptr);
     watchdog = std::exchange(watchdog_, nullptr);
+    splice = std::exchange(splice_, nullptr);
   }
   if (watchdog) watchdog->cancel();
   if (dialing) dialing->cancel();
-  closeLegs(ending, *flow_, *upstream, fields_.target);
+  closeLegs(ending, *flow_, *upstream, fields_.target, splice.get());
   sendRelayEvent(services_->context, "relay.close", fields_);
   if (auto provider = services_->context.lock()) provider->releaseSession(this);
 }
