@@ -6,11 +6,10 @@
 // idle watchdog, the first response byte), each direction's end of stream (already passed on to
 // the other side as a half-close) and the first error on either side (after which nothing moves).
 //
-// StreamSplicer and StreamSplice: any thread. The events run on the queue given to splice(), in
-// the order they happened.
+// StreamSplicer and StreamSplice: any thread. The observer hears on the queue given to splice(),
+// in the order things happened.
 
 #include <cstddef>
-#include <functional>
 #include <memory>
 
 #include "platform/Dispatch.h"
@@ -22,10 +21,15 @@ namespace tarnwick {
 enum class SpliceDirection { AgentToUpstream, UpstreamToAgent };
 enum class SpliceSide { Agent, Upstream };
 
-struct SpliceEvents {
-  std::function<void(SpliceDirection, std::size_t bytes)> moved;
-  std::function<void(SpliceDirection)> ended;
-  std::function<void(SpliceSide, NWError)> failed;
+// Hears what a splice did; held weakly, so a splice never keeps its relay alive.
+class SpliceObserver {
+ public:
+  virtual ~SpliceObserver() = default;
+  virtual void spliceMoved(SpliceDirection direction, std::size_t bytes) = 0;
+  // The direction's end of stream, already passed on as a half-close after its bytes.
+  virtual void spliceEnded(SpliceDirection direction) = 0;
+  // The first error on either side; nothing moves any more.
+  virtual void spliceFailed(SpliceSide side, const NWError& error) = 0;
 };
 
 // One running splice. Dropping it does not stop it: close() does.
@@ -59,7 +63,8 @@ class StreamSplicer {
   // still waiting on the connection is dropped without its completion: its bytes are carried
   // by the splice.
   virtual Started splice(NEAppProxyTCPFlow& agent, NWConnection& upstream,
-                         std::shared_ptr<DispatchQueue> queue, SpliceEvents events) = 0;
+                         std::shared_ptr<DispatchQueue> queue,
+                         std::weak_ptr<SpliceObserver> observer) = 0;
 };
 
 // Splices on the real runtime's lanes, with a pool of pipes per lane.

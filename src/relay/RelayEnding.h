@@ -36,9 +36,11 @@ struct RelayEnding {
 // The error a flow is closed with to reset the agent's connection.
 NEError relayResetError();
 
-// Closes both legs as `ending` says; a cut is logged as carried. Legs whose sockets a splice
-// carries are closed through `splice`.
+// Closes both legs as `ending` says; a cut is logged as carried.
 void closeLegs(const RelayEnding& ending, NEAppProxyTCPFlow& flow, NWConnection& upstream,
-               const FlowTarget& target, StreamSplice* splice = nullptr);
+               const FlowTarget& target);
+// The same for legs whose sockets a splice carries: the splice closes them.
+void closeSplicedLegs(const RelayEnding& ending, NEAppProxyTCPFlow& flow, StreamSplice& splice,
+                      const FlowTarget& target);
 
 }  // namespace tarnwick

@@ -89,7 +89,8 @@ void RelaySession::onAgentRead(std::optional<Bytes> data, std::optional<NEError>
   std::shared_ptr<RelayWatchdog> idle;
   {
     MutexLock lock(mutex_);
-    if (phase_ == Phase::Done) return;
+    // A read the splice took over is not the session's any more.
+    if (phase_ == Phase::Done || splice_) return;
     step = takeAgentChunkLockHeld(data, error.has_value());
     upstream = upstream_;
     if (committed_) idle = watchdog_;
@@ -356,8 +357,8 @@ bool RelaySession::trySplice(const std::shared_ptr<NWConnection>& conn) {
     MutexLock lock(mutex_);
     if (!canSpliceLockHeld(conn)) return false;
   }
-  StreamSplicer::Started started =
-      services_->splicer->splice(*flow_, *conn, flowQueue_, spliceEvents());
+  StreamSplicer::Started started = services_->splicer->splice(
+      *flow_, *conn, flowQueue_, std::weak_ptr<SpliceObserver>(shared_from_this()));
   std::optional<RelayEnding> endedMeanwhile;
   {
     MutexLock lock(mutex_);
@@ -369,11 +370,12 @@ bool RelaySession::trySplice(const std::shared_ptr<NWConnection>& conn) {
       endedMeanwhile = ending_;
     } else {
       splice_ = started.splice;
+      // The connection has given its socket up: nothing of it is needed any more.
+      upstream_.reset();
     }
   }
   // The session ended while the legs were being handed over: their sockets close as it said.
-  if (endedMeanwhile)
-    closeLegs(*endedMeanwhile, *flow_, *conn, fields_.target, started.splice.get());
+  if (endedMeanwhile) closeSplicedLegs(*endedMeanwhile, *flow_, *started.splice, fields_.target);
   return true;
 }
 
@@ -384,21 +386,9 @@ bool RelaySession::canSpliceLockHeld(const std::shared_ptr<NWConnection>& conn) 
          (committed_ || !buffering_) && !agentEnded_ && !upstreamEnded_;
 }
 
-SpliceEvents RelaySession::spliceEvents() {
-  return {[weak = weak_from_this()](SpliceDirection direction, std::size_t bytes) {
-            if (auto self = weak.lock()) self->onSpliceMoved(direction, bytes);
-          },
-          [weak = weak_from_this()](SpliceDirection direction) {
-            if (auto self = weak.lock()) self->onSpliceEnded(direction);
-          },
-          [weak = weak_from_this()](SpliceSide side, NWError error) {
-            if (auto self = weak.lock()) self->onSpliceFailed(side, error);
-          }};
-}
-
 // The first bytes from upstream commit a session spliced before its commitment; afterwards every
 // report of traffic either way keeps the idle watchdog from firing.
-void RelaySession::onSpliceMoved(SpliceDirection direction, std::size_t bytes) {
+void RelaySession::spliceMoved(SpliceDirection direction, std::size_t bytes) {
   bool first = false;
   std::shared_ptr<RelayWatchdog> idle;
   {
@@ -419,33 +409,23 @@ void RelaySession::onSpliceMoved(SpliceDirection direction, std::size_t bytes) {
 }
 
 // The splice has passed the end on as a half-close; what is left is the session's bookkeeping.
-void RelaySession::onSpliceEnded(SpliceDirection direction) {
-  std::shared_ptr<NWConnection> upstream;
+// Its upstream is no connection of the session's any more (upstream_ is empty).
+void RelaySession::spliceEnded(SpliceDirection direction) {
+  if (direction == SpliceDirection::UpstreamToAgent) return onUpstreamEnded(nullptr, std::nullopt);
   bool bothEnded;
   {
     MutexLock lock(mutex_);
     if (phase_ != Phase::Relaying) return;
-    upstream = upstream_;
-    if (direction == SpliceDirection::UpstreamToAgent) {
-      bothEnded = false;
-    } else {
-      agentEnded_ = true;
-      bothEnded = upstreamEnded_;
-    }
+    agentEnded_ = true;
+    bothEnded = upstreamEnded_;
   }
-  if (direction == SpliceDirection::UpstreamToAgent) return onUpstreamEnded(upstream, std::nullopt);
   if (bothEnded) finish();
 }
 
-void RelaySession::onSpliceFailed(SpliceSide side, const NWError& error) {
+void RelaySession::spliceFailed(SpliceSide side, const NWError& error) {
   if (side == SpliceSide::Agent)
     return finishWith(RelayEnding::agentCut(error.localizedDescription));
-  std::shared_ptr<NWConnection> upstream;
-  {
-    MutexLock lock(mutex_);
-    upstream = upstream_;
-  }
-  onUpstreamEnded(upstream, error);
+  onUpstreamEnded(nullptr, error);
 }
 
 void RelaySession::dropReplayLockHeld() {
@@ -487,7 +467,11 @@ void RelaySession::finishWith(const RelayEnding& ending) {
   }
   if (watchdog) watchdog->cancel();
   if (dialing) dialing->cancel();
-  closeLegs(ending, *flow_, *upstream, fields_.target, splice.get());
+  if (splice) {
+    closeSplicedLegs(ending, *flow_, *splice, fields_.target);
+  } else {
+    closeLegs(ending, *flow_, *upstream, fields_.target);
+  }
   sendRelayEvent(services_->context, "relay.close", fields_);
   if (auto provider = services_->context.lock()) provider->releaseSession(this);
 }

@@ -49,7 +49,7 @@ struct FirstUpstreamBytes {
   bool empty() const { return bytes.empty() && !isComplete && !error; }
 };
 
-class RelaySession : public std::enable_shared_from_this<RelaySession> {
+class RelaySession : public std::enable_shared_from_this<RelaySession>, public SpliceObserver {
  public:
   enum class Phase { Relaying, FailingOver, Done };
 
@@ -107,10 +107,10 @@ class RelaySession : public std::enable_shared_from_this<RelaySession> {
   // true when they went. `conn` is the connection the calling pump works on.
   bool trySplice(const std::shared_ptr<NWConnection>& conn);
   bool canSpliceLockHeld(const std::shared_ptr<NWConnection>& conn) TW_REQUIRES(mutex_);
-  SpliceEvents spliceEvents();
-  void onSpliceMoved(SpliceDirection direction, std::size_t bytes);
-  void onSpliceEnded(SpliceDirection direction);
-  void onSpliceFailed(SpliceSide side, const NWError& error);
+  // SpliceObserver: the splice's reports, on flowQueue_.
+  void spliceMoved(SpliceDirection direction, std::size_t bytes) override;
+  void spliceEnded(SpliceDirection direction) override;
+  void spliceFailed(SpliceSide side, const NWError& error) override;
   void dropReplayLockHeld() TW_REQUIRES(mutex_);
   void finishWith(const RelayEnding& ending);
   // Events that must reach the daemon before "relay.close" are sent between these two: a finish
@@ -135,7 +135,8 @@ class RelaySession : public std::enable_shared_from_this<RelaySession> {
   const RelayEventFields fields_;
 
   Mutex mutex_;
-  // Where agent bytes go: the front door, or the direct connection once a failover completes.
+  // Where agent bytes go: the front door, or the direct connection once a failover completes;
+  // empty once spliced.
   std::shared_ptr<NWConnection> upstream_ TW_GUARDED_BY(mutex_);
   // The replay buffer: every agent byte sent upstream while buffering_.
   Bytes early_ TW_GUARDED_BY(mutex_);

@@ -28,31 +28,24 @@ const char* nameOf(SpliceDirection direction) {
 
 // What the splice reported: the bytes each way, and each end or failure with the bytes reported
 // in its direction before it.
-class SpliceRecord {
+class SpliceRecord : public SpliceObserver {
  public:
-  SpliceEvents events() {
-    return {
-        [this](SpliceDirection d, std::size_t bytes) {
-          std::lock_guard<std::mutex> lock(mutex_);
-          moved_[d] += bytes;
-        },
-        [this](SpliceDirection d) {
-          std::lock_guard<std::mutex> lock(mutex_);
-          trail_.push_back(std::string("end ") + nameOf(d) + " after " + std::to_string(moved_[d]));
-        },
-        [this](SpliceSide side, NWError error) {
-          std::lock_guard<std::mutex> lock(mutex_);
-          trail_.push_back(std::string(side == SpliceSide::Agent ? "agent" : "upstream") +
-                           " failed: " + std::to_string(error.code));
-        }};
+  void spliceMoved(SpliceDirection d, std::size_t bytes) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    moved_[d] += bytes;
+  }
+  void spliceEnded(SpliceDirection d) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    trail_.push_back(std::string("end ") + nameOf(d) + " after " + std::to_string(moved_[d]));
+  }
+  void spliceFailed(SpliceSide side, const NWError& error) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    trail_.push_back(std::string(side == SpliceSide::Agent ? "agent" : "upstream") +
+                     " failed: " + std::to_string(error.code));
   }
   std::vector<std::string> trail() {
     std::lock_guard<std::mutex> lock(mutex_);
     return trail_;
-  }
-  std::size_t moved(SpliceDirection direction) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return moved_[direction];
   }
 
  private:
@@ -87,7 +80,7 @@ class SpliceTest : public ::testing::Test {
   }
 
   StreamSplicer::Started splice() {
-    return realStreamSplicer()->splice(*flow_, *upstream_, queue_, record_.events());
+    return realStreamSplicer()->splice(*flow_, *upstream_, queue_, record_);
   }
 
   LoopbackServer destination_{"127.0.0.1"};
@@ -99,7 +92,7 @@ class SpliceTest : public ::testing::Test {
   std::shared_ptr<SocketFlow> flow_;
   std::shared_ptr<NWConnection> upstream_;
   LoopbackServer::Peer* peer_ = nullptr;
-  SpliceRecord record_;
+  std::shared_ptr<SpliceRecord> record_ = std::make_shared<SpliceRecord>();
 };
 
 TEST_F(SpliceTest, CarriesEveryByteBothWaysAndEachEndAfterItsBytes) {
@@ -119,10 +112,10 @@ TEST_F(SpliceTest, CarriesEveryByteBothWaysAndEachEndAfterItsBytes) {
   const std::string back = agent_->readToEnd();
   EXPECT_TRUE(back == down) << back.size() << " of " << down.size() << " bytes";
   EXPECT_EQ(agent_->error(), 0);
-  ASSERT_TRUE(eventually([&] { return record_.trail().size() == 2; }));
-  EXPECT_EQ(record_.trail(), (std::vector<std::string>{
-                                 "end agent-to-upstream after " + std::to_string(up.size()),
-                                 "end upstream-to-agent after " + std::to_string(down.size())}));
+  ASSERT_TRUE(eventually([&] { return record_->trail().size() == 2; }));
+  EXPECT_EQ(record_->trail(), (std::vector<std::string>{
+                                  "end agent-to-upstream after " + std::to_string(up.size()),
+                                  "end upstream-to-agent after " + std::to_string(down.size())}));
   const Json counts = counters_->snapshot();
   EXPECT_EQ(counts["bytesFromAgents"], up.size());
   EXPECT_EQ(counts["bytesToAgents"], down.size());
@@ -152,7 +145,7 @@ TEST_F(SpliceTest, ALegWithACompletionOnItsWayIsTakenOnlyOnceItArrives) {
 TEST_F(SpliceTest, FlowsWithoutSocketsAreNeverSpliced) {
   auto scripted = std::make_shared<ScriptedTCPFlow>(queue_, NEFlowMetaData{}, std::nullopt);
   scripted->open(std::nullopt, [](std::optional<NEError>) {});
-  const auto started = realStreamSplicer()->splice(*scripted, *upstream_, queue_, {});
+  const auto started = realStreamSplicer()->splice(*scripted, *upstream_, queue_, record_);
   EXPECT_FALSE(started.splice);
   EXPECT_EQ(started.refusal, StreamSplicer::Refusal::Never);
 }
@@ -164,8 +157,8 @@ TEST_F(SpliceTest, AnAbortedFlowResetsItsAgentThroughTheSplice) {
   flow_->abort();
   EXPECT_EQ(agent_->readToEnd(), "");
   EXPECT_EQ(agent_->error(), ECONNRESET);
-  ASSERT_TRUE(eventually([&] { return !record_.trail().empty(); }));
-  EXPECT_EQ(record_.trail(),
+  ASSERT_TRUE(eventually([&] { return !record_->trail().empty(); }));
+  EXPECT_EQ(record_->trail(),
             std::vector<std::string>{"agent failed: " + std::to_string(ECONNABORTED)});
   started.splice->close(StreamSplice::Closing::ResetUpstream);
   EXPECT_EQ(peer_->readToEnd(), "");

@@ -146,6 +146,7 @@ std::optional<DetachedSocket> SocketFlow::detachSocket() {
   read_closed_ = true;
   write_closed_ = true;
   loop_->remove(socket_.get());
+  loop_->unregisterHandler(std::exchange(loop_id_, 0));
   handed_over_ = std::make_shared<AbortLatch>();
   DetachedSocket::Counted counted;
   if (counters_) {
@@ -233,7 +234,7 @@ void SocketFlow::tryWriteLockHeld(std::vector<Work>& out) {
     if (front.sent < front.data.size()) continue;
     out.push_back(
         owedLockHeld([completion = std::move(front.completion)] { completion(std::nullopt); }));
-    pending_writes_.pop_front();
+    pending_writes_.erase(pending_writes_.begin());
   }
   if (write_closed_ && !write_shut_) {
     shutWriteLockHeld();

@@ -31,7 +31,6 @@
 
 #include <asio.hpp>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -125,11 +124,13 @@ class AsioConnection : public NWConnection, public std::enable_shared_from_this<
   std::size_t nextCandidate_ TW_GUARDED_BY(mutex_) = 0;
   std::optional<NWError> lastConnectError_ TW_GUARDED_BY(mutex_);
 
-  std::deque<PendingSend> sends_ TW_GUARDED_BY(mutex_);
+  // Rarely more than one of each; vectors cost an idle connection nothing, where deques keep a
+  // block each.
+  std::vector<PendingSend> sends_ TW_GUARDED_BY(mutex_);
   bool writing_ TW_GUARDED_BY(mutex_) = false;
   std::size_t written_ TW_GUARDED_BY(mutex_) = 0;  // of sends_.front()
 
-  std::deque<PendingReceive> receives_ TW_GUARDED_BY(mutex_);
+  std::vector<PendingReceive> receives_ TW_GUARDED_BY(mutex_);
   bool awaitingReadable_ TW_GUARDED_BY(mutex_) = false;
   Bytes inbound_ TW_GUARDED_BY(mutex_);  // read for receives_.front(); empty while idle
   bool readEnded_ TW_GUARDED_BY(mutex_) = false;

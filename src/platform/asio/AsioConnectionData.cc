@@ -60,7 +60,7 @@ void AsioConnection::onWritable(const asio::error_code& error) {
 
 void AsioConnection::completeSendLocked(std::optional<NWError> error) {
   PendingSend done = std::move(sends_.front());
-  sends_.pop_front();
+  sends_.erase(sends_.begin());
   written_ = 0;
   if (done.completion) {
     postLocked([c = std::move(done.completion), error = std::move(error)] { c(error); },
@@ -125,7 +125,7 @@ bool AsioConnection::readAvailableLocked() {
 // error, later receives complete at once the same way (readNextLocked).
 void AsioConnection::completeReceiveLocked(bool isComplete, std::optional<NWError> error) {
   PendingReceive done = std::move(receives_.front());
-  receives_.pop_front();
+  receives_.erase(receives_.begin());
   std::optional<Bytes> content;
   if (!inbound_.empty()) content = std::exchange(inbound_, Bytes());
   postLocked([c = std::move(done.completion), content = std::move(content), isComplete,

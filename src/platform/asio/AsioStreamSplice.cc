@@ -36,12 +36,12 @@ std::shared_ptr<AsioStreamSplice> AsioStreamSplice::start(asio::io_context& lane
                                                           DetachedSocket agent,
                                                           std::optional<DetachedSocket> upstream,
                                                           std::shared_ptr<DispatchQueue> queue,
-                                                          SpliceEvents events) {
+                                                          std::weak_ptr<SpliceObserver> observer) {
   const bool upstreamTaken = upstream.has_value();
   const std::shared_ptr<AbortLatch> latch = agent.abortLatch();
   std::shared_ptr<AsioStreamSplice> splice(new AsioStreamSplice(
       lane, std::move(agent), upstreamTaken ? std::move(*upstream) : DetachedSocket(UniqueFd()),
-      std::move(queue), std::move(events)));
+      std::move(queue), std::move(observer)));
   if (latch) {
     latch->arm([weak = splice->weak_from_this()] {
       if (auto self = weak.lock()) self->abortAgent();
@@ -66,9 +66,9 @@ std::shared_ptr<AsioStreamSplice> AsioStreamSplice::start(asio::io_context& lane
 
 AsioStreamSplice::AsioStreamSplice(asio::io_context& lane, DetachedSocket agent,
                                    DetachedSocket upstream, std::shared_ptr<DispatchQueue> queue,
-                                   SpliceEvents events)
+                                   std::weak_ptr<SpliceObserver> observer)
     : queue_(std::move(queue)),
-      events_(std::move(events)),
+      observer_(std::move(observer)),
       agent_(lane, std::move(agent)),
       upstream_(lane, std::move(upstream)),
       toUpstream_{SpliceDirection::AgentToUpstream, {}, agent_, upstream_},
@@ -190,16 +190,17 @@ void AsioStreamSplice::deliverReports() {
     if (failure_ && !failureReported_) failure = failure_;
     failureReported_ = failure_.has_value();
   }
+  const auto observer = observer_.lock();
+  if (!observer) return;
   const SpliceDirection ids[2] = {SpliceDirection::AgentToUpstream,
                                   SpliceDirection::UpstreamToAgent};
   for (std::size_t i : {0u, 1u}) {
-    if (moved[i] > 0 && events_.moved) events_.moved(ids[i], moved[i]);
+    if (moved[i] > 0) observer->spliceMoved(ids[i], moved[i]);
   }
   for (std::size_t i : {0u, 1u}) {
-    if (ended[i] && events_.ended) events_.ended(ids[i]);
+    if (ended[i]) observer->spliceEnded(ids[i]);
   }
-  if (failure && events_.failed)
-    events_.failed(failure->first, NWError::fromErrno(failure->second));
+  if (failure) observer->spliceFailed(failure->first, NWError::fromErrno(failure->second));
 }
 
 namespace {
@@ -211,7 +212,8 @@ class AsioStreamSplicer : public StreamSplicer {
   // The upstream is asked first and taken last: taking the agent's socket is the step that may
   // still find a read's bytes on their way, and nothing is taken then.
   Started splice(NEAppProxyTCPFlow& agent, NWConnection& upstream,
-                 std::shared_ptr<DispatchQueue> queue, SpliceEvents events) override {
+                 std::shared_ptr<DispatchQueue> queue,
+                 std::weak_ptr<SpliceObserver> observer) override {
     const Detachable agentState = agent.detachable();
     const Detachable upstreamState = upstream.detachable();
     if (agentState == Detachable::Never || upstreamState == Detachable::Never) {
@@ -223,9 +225,10 @@ class AsioStreamSplicer : public StreamSplicer {
     auto agentSocket = agent.detachSocket();
     if (!agentSocket) return {nullptr, Refusal::NotNow};
     auto upstreamSocket = upstream.detachSocket();
-    return {AsioStreamSplice::start(runtime_->pickLane().context(), std::move(*agentSocket),
-                                    std::move(upstreamSocket), std::move(queue), std::move(events)),
-            Refusal::Never};
+    return {
+        AsioStreamSplice::start(runtime_->pickLane().context(), std::move(*agentSocket),
+                                std::move(upstreamSocket), std::move(queue), std::move(observer)),
+        Refusal::Never};
   }
 
  private:

@@ -30,7 +30,7 @@ class AsioStreamSplice : public StreamSplice,
   static std::shared_ptr<AsioStreamSplice> start(asio::io_context& lane, DetachedSocket agent,
                                                  std::optional<DetachedSocket> upstream,
                                                  std::shared_ptr<DispatchQueue> queue,
-                                                 SpliceEvents events);
+                                                 std::weak_ptr<SpliceObserver> observer);
 
   void close(Closing how) override;
 
@@ -50,7 +50,7 @@ class AsioStreamSplice : public StreamSplice,
   };
 
   AsioStreamSplice(asio::io_context& lane, DetachedSocket agent, DetachedSocket upstream,
-                   std::shared_ptr<DispatchQueue> queue, SpliceEvents events);
+                   std::shared_ptr<DispatchQueue> queue, std::weak_ptr<SpliceObserver> observer);
 
   // The lane thread.
   void onReady(End& end, bool writable, const asio::error_code& error);
@@ -68,7 +68,7 @@ class AsioStreamSplice : public StreamSplice,
   void deliverReports() TW_EXCLUDES(mutex_);
 
   const std::shared_ptr<DispatchQueue> queue_;
-  const SpliceEvents events_;
+  const std::weak_ptr<SpliceObserver> observer_;
 
   Mutex mutex_;
   End agent_ TW_GUARDED_BY(mutex_);

@@ -10,16 +10,16 @@ void ScriptedSplice::close(Closing how) {
 }
 
 void ScriptedSplice::moved(SpliceDirection direction, std::size_t bytes) {
-  report([events = events_, direction, bytes] { events.moved(direction, bytes); });
+  report([direction, bytes](SpliceObserver& o) { o.spliceMoved(direction, bytes); });
 }
 
 void ScriptedSplice::ended(SpliceDirection direction) {
-  report([events = events_, direction] { events.ended(direction); });
+  report([direction](SpliceObserver& o) { o.spliceEnded(direction); });
 }
 
 void ScriptedSplice::failed(SpliceSide side, int errnoValue) {
-  report([events = events_, side, errnoValue] {
-    events.failed(side, NWError::fromErrno(errnoValue));
+  report([side, errnoValue](SpliceObserver& o) {
+    o.spliceFailed(side, NWError::fromErrno(errnoValue));
   });
 }
 
@@ -28,24 +28,26 @@ std::optional<StreamSplice::Closing> ScriptedSplice::closing() const {
   return closing_;
 }
 
-void ScriptedSplice::report(Work event) {
+void ScriptedSplice::report(std::function<void(SpliceObserver&)> event) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (closing_) return;
   }
-  queue_->async(std::move(event));
+  queue_->async([observer = observer_, event = std::move(event)] {
+    if (auto o = observer.lock()) event(*o);
+  });
 }
 
 StreamSplicer::Started ScriptedSplicer::splice(NEAppProxyTCPFlow&, NWConnection&,
                                                std::shared_ptr<DispatchQueue> queue,
-                                               SpliceEvents events) {
+                                               std::weak_ptr<SpliceObserver> observer) {
   std::lock_guard<std::mutex> lock(mutex_);
   ++requests_;
   if (refusals_ > 0) {
     --refusals_;
     return {nullptr, refusal_};
   }
-  splices_.push_back(std::make_shared<ScriptedSplice>(std::move(queue), std::move(events)));
+  splices_.push_back(std::make_shared<ScriptedSplice>(std::move(queue), std::move(observer)));
   return {splices_.back(), Refusal::Never};
 }
 

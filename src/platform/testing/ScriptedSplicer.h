@@ -4,6 +4,7 @@
 // on the relay's queue as the real splice's reports do, and reads back how it was closed.
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -15,8 +16,8 @@ namespace tarnwick {
 
 class ScriptedSplice : public StreamSplice, public std::enable_shared_from_this<ScriptedSplice> {
  public:
-  ScriptedSplice(std::shared_ptr<DispatchQueue> queue, SpliceEvents events)
-      : queue_(std::move(queue)), events_(std::move(events)) {}
+  ScriptedSplice(std::shared_ptr<DispatchQueue> queue, std::weak_ptr<SpliceObserver> observer)
+      : queue_(std::move(queue)), observer_(std::move(observer)) {}
 
   void close(Closing how) override;
 
@@ -29,10 +30,10 @@ class ScriptedSplice : public StreamSplice, public std::enable_shared_from_this<
   std::optional<Closing> closing() const;
 
  private:
-  void report(Work event);
+  void report(std::function<void(SpliceObserver&)> event);
 
   const std::shared_ptr<DispatchQueue> queue_;
-  const SpliceEvents events_;
+  const std::weak_ptr<SpliceObserver> observer_;
   mutable std::mutex mutex_;
   std::optional<Closing> closing_;
 };
@@ -40,7 +41,8 @@ class ScriptedSplice : public StreamSplice, public std::enable_shared_from_this<
 class ScriptedSplicer : public StreamSplicer {
  public:
   Started splice(NEAppProxyTCPFlow& agent, NWConnection& upstream,
-                 std::shared_ptr<DispatchQueue> queue, SpliceEvents events) override;
+                 std::shared_ptr<DispatchQueue> queue,
+                 std::weak_ptr<SpliceObserver> observer) override;
 
   // The next `count` requests are refused with `refusal`.
   void refuse(Refusal refusal, std::size_t count);
