@@ -150,6 +150,21 @@ TEST_F(SpliceTest, FlowsWithoutSocketsAreNeverSpliced) {
   EXPECT_EQ(started.refusal, StreamSplicer::Refusal::Never);
 }
 
+// An agent that resets while bytes pour in fails the agent's side, and only that (this test's
+// process does not ignore SIGPIPE).
+TEST_F(SpliceTest, AnAgentThatResetsUnderABulkTransferFailsItsSide) {
+  const auto started = splice();
+  ASSERT_TRUE(started.splice);
+  std::thread writer([this] { peer_->write(patterned(8 << 20)); });
+  char first[4096];
+  ASSERT_GT(::recv(agent_->fd(), first, sizeof first, 0), 0);
+  agent_->reset();
+  ASSERT_TRUE(eventually([&] { return !record_->trail().empty(); }));
+  EXPECT_TRUE(record_->trail()[0].starts_with("agent failed: ")) << record_->trail()[0];
+  started.splice->close(StreamSplice::Closing::ResetUpstream);
+  writer.join();
+}
+
 // A host that stops aborts its flows: a spliced agent is reset, and the relay hears of it.
 TEST_F(SpliceTest, AnAbortedFlowResetsItsAgentThroughTheSplice) {
   const auto started = splice();
