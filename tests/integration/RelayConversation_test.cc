@@ -3,7 +3,6 @@
 // and wait for the answer, resets from either side; a burst of connections at once; and the front
 // door stopping under live connections.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -76,12 +75,6 @@ void agentResets(UniqueFd& fd) {
   fd.reset();
 }
 
-std::string pattern(std::size_t size) {
-  std::string out(size, '\0');
-  for (std::size_t i = 0; i < size; ++i) out[i] = static_cast<char>('a' + (i * 7 + i / 97) % 26);
-  return out;
-}
-
 const RelayTiming kShortLimits{.handshakeTimeout = Seconds(1.0), .preCommitSilence = Seconds(1.0)};
 
 struct Conversation {
@@ -96,7 +89,7 @@ struct Conversation {
 void PrintTo(const Conversation& c, std::ostream* os) { *os << c.name; }
 
 std::vector<Conversation> conversations() {
-  const std::string banner = pattern(64 << 10);
+  const std::string banner = frontdoor::patternBytes(64 << 10);
   std::vector<Conversation> out;
   for (const auto& [mode, prefix, reasons, carrying] :
        {std::tuple{FrontDoorMode::Normal, "Relayed", "", Carrying::Buffered},
@@ -181,44 +174,13 @@ TEST_P(ConversationTest, IsCarriedAsWithoutTheInterceptor) {
 INSTANTIATE_TEST_SUITE_P(Loopback, ConversationTest, ::testing::ValuesIn(conversations()),
                          CaseName());
 
-// An echo destination that takes a whole burst into its accept queue: one with a short queue
-// resets what overflows it, which would test the destination rather than the relay.
-class BurstEchoServer {
- public:
-  BurstEchoServer() {
-    std::string error;
-    listener_ = bindTcpSocket(*literalAddress("127.0.0.1", 0), error);
-    EXPECT_EQ(::listen(listener_.get(), SOMAXCONN), 0) << error;
-    ::fcntl(listener_.get(), F_SETFL, 0);  // blocking accepts
-    acceptor_ = std::jthread([this] {
-      for (int client;
-           (client = ::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
-        workers_.emplace_back([fd = UniqueFd(client)] {
-          char buffer[4096];
-          for (ssize_t n; (n = ::recv(fd.get(), buffer, sizeof buffer, 0)) > 0;) {
-            if (::send(fd.get(), buffer, static_cast<std::size_t>(n), MSG_NOSIGNAL) != n) break;
-          }
-          ::shutdown(fd.get(), SHUT_WR);
-        });
-      }
-    });
-  }
-  ~BurstEchoServer() { ::shutdown(listener_.get(), SHUT_RDWR); }
-  std::uint16_t port() const { return portOf(*localAddress(listener_.get())); }
-
- private:
-  UniqueFd listener_;
-  std::vector<std::jthread> workers_;  // touched by the acceptor only, until it is joined
-  std::jthread acceptor_;
-};
-
 // One program opening many connections at once against a healthy front door: every one is
 // relayed, none fails open (so no destination is dialled directly after the front door had
 // delivered the request), and each gets exactly its own answer. TARNWICK_BURST sets the count.
 TEST(BurstTest, EveryConnectionOfABurstIsRelayedOnce) {
   const char* configured = std::getenv("TARNWICK_BURST");
   const std::size_t count = configured ? std::strtoul(configured, nullptr, 10) : 300;
-  BurstEchoServer echo;
+  frontdoor::EchoServer echo;
   LoopbackRig rig(FrontDoorMode::Normal, {});
   std::vector<UniqueFd> agents;
   for (std::size_t i = 0; i < count; ++i) agents.push_back(rig.connect(echo.port()));
@@ -254,10 +216,7 @@ TEST(FrontDoorStopTest, LiveRelaysEndWhenTheFrontDoorStops) {
   for (int i = 0; i < 5; ++i) {
     agents.push_back(rig.connect(echo.port()));
     agentWrites(agents.back().get(), "ping");
-    char got[4];
-    pollfd readable{agents.back().get(), POLLIN, 0};
-    ASSERT_GT(::poll(&readable, 1, 5000), 0);
-    ASSERT_EQ(::recv(agents.back().get(), got, sizeof got, MSG_WAITALL), 4);
+    agentReceives(agents.back().get(), 4);
   }
   rig.frontDoor.stop();
   for (auto& agent : agents) EXPECT_TRUE(agentReadsToEnd(agent.get()).ended);
