@@ -24,6 +24,7 @@
 #include <string>
 
 #include "platform/Bytes.h"
+#include "platform/DetachedSocket.h"
 #include "platform/Dispatch.h"
 
 namespace tarnwick {
@@ -93,6 +94,13 @@ class NWConnection {
                        ReceiveCompletion completion) = 0;
   virtual void cancel() = 0;
   virtual void forceCancel() = 0;
+
+  // Handing the socket to a splicer (StreamSplicer). Now only when ready with no send going
+  // out and no completion on its way; then detachSocket() drops a receive still waiting for
+  // bytes, without its completion, and the connection is cancelled without touching the socket.
+  // Connections without a socket of their own never hand one over.
+  virtual Detachable detachable() { return Detachable::Never; }
+  virtual std::optional<DetachedSocket> detachSocket() { return std::nullopt; }
 };
 
 // Makes connections; the relay engine takes one so tests can hand it scripted connections.

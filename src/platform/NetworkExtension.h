@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "platform/Bytes.h"
+#include "platform/DetachedSocket.h"
 #include "platform/Json.h"
 
 namespace tarnwick {
@@ -69,6 +70,13 @@ class NEAppProxyTCPFlow : public NEAppProxyFlow {
   virtual void closeWriteWithError(std::optional<NEError> error) = 0;
   // Absent when the remote endpoint is not a host endpoint.
   virtual std::optional<NWHostEndpoint> remoteEndpoint() const = 0;
+
+  // Handing the agent's socket to a splicer (StreamSplicer). Now only while open both ways with
+  // no write going out and no read completion on its way; then detachSocket() drops a read still
+  // waiting for bytes, without its completion, and every later read and write fails. Flows
+  // without a socket of their own never hand one over.
+  virtual Detachable detachable() { return Detachable::Never; }
+  virtual std::optional<DetachedSocket> detachSocket() { return std::nullopt; }
 };
 
 class NEAppProxyUDPFlow : public NEAppProxyFlow {};

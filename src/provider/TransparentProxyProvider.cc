@@ -24,12 +24,14 @@ TransparentProxyProvider::TransparentProxyProvider(Services services)
 
 std::shared_ptr<TransparentProxyProvider> TransparentProxyProvider::create(Services services) {
   auto connections = services.connections;
+  auto splicer = services.splicer;
   const RelayTiming timing = services.relayTiming;
   auto runtime = services.runtime;
   std::shared_ptr<TransparentProxyProvider> provider(
       new TransparentProxyProvider(std::move(services)));
   provider->engine_ = std::make_unique<RelayEngine>(std::move(runtime), std::move(connections),
-                                                    std::weak_ptr<RelayContext>(provider), timing);
+                                                    std::weak_ptr<RelayContext>(provider), timing,
+                                                    nullptr, std::move(splicer));
   return provider;
 }
 
@@ -38,6 +40,7 @@ std::shared_ptr<TransparentProxyProvider> TransparentProxyProvider::init(
   Services services;
   services.runtime = realRuntime();
   services.connections = realConnectionFactory();
+  services.splicer = realStreamSplicer();
   services.bridge = bridge ? std::move(bridge) : DaemonBridge::shared();
   services.relayTiming.handshakeTimeout = relayHandshakeTimeout;
   services.parentPIDOf = std::move(parentPIDOf);

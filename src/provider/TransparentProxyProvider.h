@@ -47,6 +47,8 @@ class TransparentProxyProvider : public NETransparentProxyProvider,
   struct Services {
     std::shared_ptr<Runtime> runtime;
     std::shared_ptr<NWConnectionFactory> connections;
+    // Carries relays' bytes once they can no longer fail over; absent: the sessions do.
+    std::shared_ptr<StreamSplicer> splicer;
     std::shared_ptr<DaemonChannel> bridge;
     RelayTiming relayTiming;
     AncestryGate::ParentLookup parentPIDOf = AncestryGate::realParentPID;

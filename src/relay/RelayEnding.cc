@@ -8,8 +8,9 @@ namespace tarnwick {
 
 NEError relayResetError() { return {ECONNRESET, "reset carried from the other side"}; }
 
-void closeLegs(const RelayEnding& ending, NEAppProxyTCPFlow& flow, NWConnection& upstream,
-               const FlowTarget& target) {
+namespace {
+
+void logCut(const RelayEnding& ending, const FlowTarget& target) {
   using Kind = RelayEnding::Kind;
   if (ending.kind != Kind::Clean) {
     const bool agentCut = ending.kind == Kind::AgentCut;
@@ -19,14 +20,38 @@ void closeLegs(const RelayEnding& ending, NEAppProxyTCPFlow& flow, NWConnection&
         agentCut ? "agent" : "upstream", target.host, target.port, ending.detail,
         agentCut ? "upstream" : "agent");
   }
+}
+
+void closeFlow(const RelayEnding& ending, NEAppProxyTCPFlow& flow) {
+  flow.closeReadWithError(std::nullopt);
+  flow.closeWriteWithError(ending.kind == RelayEnding::Kind::UpstreamCut
+                               ? std::optional<NEError>(relayResetError())
+                               : std::nullopt);
+}
+
+}  // namespace
+
+void closeLegs(const RelayEnding& ending, NEAppProxyTCPFlow& flow, NWConnection& upstream,
+               const FlowTarget& target) {
+  using Kind = RelayEnding::Kind;
+  logCut(ending, target);
   if (ending.kind == Kind::AgentCut) {
     upstream.forceCancel();
   } else {
     upstream.cancel();
   }
-  flow.closeReadWithError(std::nullopt);
-  flow.closeWriteWithError(
-      ending.kind == Kind::UpstreamCut ? std::optional<NEError>(relayResetError()) : std::nullopt);
+  closeFlow(ending, flow);
+}
+
+void closeSplicedLegs(const RelayEnding& ending, NEAppProxyTCPFlow& flow, StreamSplice& splice,
+                      const FlowTarget& target) {
+  using Kind = RelayEnding::Kind;
+  using Closing = StreamSplice::Closing;
+  logCut(ending, target);
+  splice.close(ending.kind == Kind::AgentCut      ? Closing::ResetUpstream
+               : ending.kind == Kind::UpstreamCut ? Closing::ResetAgent
+                                                  : Closing::Orderly);
+  closeFlow(ending, flow);
 }
 
 }  // namespace tarnwick

@@ -8,6 +8,7 @@
 
 #include "platform/Network.h"
 #include "platform/NetworkExtension.h"
+#include "platform/StreamSplicer.h"
 #include "relay/FlowTarget.h"
 
 namespace tarnwick {
@@ -38,5 +39,8 @@ NEError relayResetError();
 // Closes both legs as `ending` says; a cut is logged as carried.
 void closeLegs(const RelayEnding& ending, NEAppProxyTCPFlow& flow, NWConnection& upstream,
                const FlowTarget& target);
+// The same for legs whose sockets a splice carries: the splice closes them.
+void closeSplicedLegs(const RelayEnding& ending, NEAppProxyTCPFlow& flow, StreamSplice& splice,
+                      const FlowTarget& target);
 
 }  // namespace tarnwick

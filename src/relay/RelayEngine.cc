@@ -11,13 +11,15 @@ namespace tarnwick {
 RelayEngine::RelayEngine(std::shared_ptr<Runtime> runtime,
                          std::shared_ptr<NWConnectionFactory> connections,
                          std::weak_ptr<RelayContext> context, Timing timing,
-                         std::shared_ptr<NWConnectionFactory> probeConnections)
+                         std::shared_ptr<NWConnectionFactory> probeConnections,
+                         std::shared_ptr<StreamSplicer> splicer)
     : runtime_(runtime),
       services_(std::make_shared<const RelayServices>(RelayServices{
           connections, context, timing,
           FrontDoorProbe::create(std::move(runtime),
                                  probeConnections ? std::move(probeConnections) : connections,
-                                 context, timing.probeTimeout)})) {}
+                                 context, timing.probeTimeout),
+          std::move(splicer)})) {}
 
 void RelayEngine::setFrontDoor(std::string host, std::uint16_t port) {
   services_->probe->setFrontDoor(host, port);

@@ -30,10 +30,11 @@ class RelayEngine {
   static constexpr const char* kRelayQueueLabel = "dev.fernquill.tarnwick.proxyex.relay.flow";
 
   // Probes of the front door's health dial through `probeConnections`, or `connections` when
-  // absent.
+  // absent. With a `splicer`, sessions that can no longer fail over hand their bytes to it.
   RelayEngine(std::shared_ptr<Runtime> runtime, std::shared_ptr<NWConnectionFactory> connections,
               std::weak_ptr<RelayContext> context, Timing timing = {},
-              std::shared_ptr<NWConnectionFactory> probeConnections = nullptr);
+              std::shared_ptr<NWConnectionFactory> probeConnections = nullptr,
+              std::shared_ptr<StreamSplicer> splicer = nullptr);
 
   // The front door, from the provider's configuration; applies to relays started after it.
   void setFrontDoor(std::string host, std::uint16_t port);

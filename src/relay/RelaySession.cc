@@ -89,7 +89,8 @@ void RelaySession::onAgentRead(std::optional<Bytes> data, std::optional<NEError>
   std::shared_ptr<RelayWatchdog> idle;
   {
     MutexLock lock(mutex_);
-    if (phase_ == Phase::Done) return;
+    // A read the splice took over is not the session's any more.
+    if (phase_ == Phase::Done || splice_) return;
     step = takeAgentChunkLockHeld(data, error.has_value());
     upstream = upstream_;
     if (committed_) idle = watchdog_;
@@ -138,9 +139,10 @@ void RelaySession::sendUpstream(const std::shared_ptr<NWConnection>& to, Bytes b
             to = std::weak_ptr<NWConnection>(to)](std::optional<NWError> error) {
              auto self = weak.lock();
              if (!self) return;
+             auto sentTo = to.lock();
              if (error) {
-               self->onUpstreamWriteFailed(to.lock(), *error);
-             } else {
+               self->onUpstreamWriteFailed(sentTo, *error);
+             } else if (!sentTo || !self->trySplice(sentTo)) {
                self->readAgent();
              }
            });
@@ -230,7 +232,7 @@ void RelaySession::deliverToAgent(std::shared_ptr<NWConnection> conn, Bytes byte
       self->finishWith(RelayEnding::agentCut(e->localizedDescription));
     } else if (isComplete || error) {
       self->onUpstreamEnded(conn, error);
-    } else {
+    } else if (!self->trySplice(conn)) {
       self->readUpstream(conn);
     }
   });
@@ -349,6 +351,83 @@ void RelaySession::reportSever() {
   if (auto provider = services_->context.lock()) provider->recordCommittedSeverIfUnhealthy();
 }
 
+bool RelaySession::trySplice(const std::shared_ptr<NWConnection>& conn) {
+  if (!services_->splicer) return false;
+  {
+    MutexLock lock(mutex_);
+    if (!canSpliceLockHeld(conn)) return false;
+  }
+  StreamSplicer::Started started = services_->splicer->splice(
+      *flow_, *conn, flowQueue_, std::weak_ptr<SpliceObserver>(shared_from_this()));
+  std::optional<RelayEnding> endedMeanwhile;
+  {
+    MutexLock lock(mutex_);
+    if (!started.splice) {
+      spliceRefused_ = started.refusal == StreamSplicer::Refusal::Never;
+      return false;
+    }
+    if (phase_ == Phase::Done) {
+      endedMeanwhile = ending_;
+    } else {
+      splice_ = started.splice;
+      // The connection has given its socket up: nothing of it is needed any more.
+      upstream_.reset();
+    }
+  }
+  // The session ended while the legs were being handed over: their sockets close as it said.
+  if (endedMeanwhile) closeSplicedLegs(*endedMeanwhile, *flow_, *started.splice, fields_.target);
+  return true;
+}
+
+// Only while the replay copy can no longer be used, and never across an end of stream: a
+// direction that has ended has nothing left for a splice to carry.
+bool RelaySession::canSpliceLockHeld(const std::shared_ptr<NWConnection>& conn) {
+  return phase_ == Phase::Relaying && conn == upstream_ && !splice_ && !spliceRefused_ &&
+         (committed_ || !buffering_) && !agentEnded_ && !upstreamEnded_;
+}
+
+// The first bytes from upstream commit a session spliced before its commitment; afterwards every
+// report of traffic either way keeps the idle watchdog from firing.
+void RelaySession::spliceMoved(SpliceDirection direction, std::size_t bytes) {
+  bool first = false;
+  std::shared_ptr<RelayWatchdog> idle;
+  {
+    MutexLock lock(mutex_);
+    if (phase_ != Phase::Relaying || bytes == 0) return;
+    if (direction == SpliceDirection::UpstreamToAgent && !committed_) {
+      committed_ = true;
+      first = true;
+    } else if (committed_) {
+      idle = watchdog_;
+    }
+  }
+  if (first) {
+    onFirstResponseByte();
+  } else if (idle) {
+    idle->kick();
+  }
+}
+
+// The splice has passed the end on as a half-close; what is left is the session's bookkeeping.
+// Its upstream is no connection of the session's any more (upstream_ is empty).
+void RelaySession::spliceEnded(SpliceDirection direction) {
+  if (direction == SpliceDirection::UpstreamToAgent) return onUpstreamEnded(nullptr, std::nullopt);
+  bool bothEnded;
+  {
+    MutexLock lock(mutex_);
+    if (phase_ != Phase::Relaying) return;
+    agentEnded_ = true;
+    bothEnded = upstreamEnded_;
+  }
+  if (bothEnded) finish();
+}
+
+void RelaySession::spliceFailed(SpliceSide side, const NWError& error) {
+  if (side == SpliceSide::Agent)
+    return finishWith(RelayEnding::agentCut(error.localizedDescription));
+  onUpstreamEnded(nullptr, error);
+}
+
 void RelaySession::dropReplayLockHeld() {
   buffering_ = false;
   Bytes().swap(early_);
@@ -370,6 +449,7 @@ bool RelaySession::endAnnouncement() {
 void RelaySession::finishWith(const RelayEnding& ending) {
   std::shared_ptr<NWConnection> upstream, dialing;
   std::shared_ptr<RelayWatchdog> watchdog;
+  std::shared_ptr<StreamSplice> splice;
   {
     MutexLock lock(mutex_);
     if (phase_ == Phase::Done) return;
@@ -379,13 +459,19 @@ void RelaySession::finishWith(const RelayEnding& ending) {
       return;
     }
     phase_ = Phase::Done;
+    ending_ = ending;
     upstream = upstream_;
     dialing = std::exchange(dialing_, nullptr);
     watchdog = std::exchange(watchdog_, nullptr);
+    splice = std::exchange(splice_, nullptr);
   }
   if (watchdog) watchdog->cancel();
   if (dialing) dialing->cancel();
-  closeLegs(ending, *flow_, *upstream, fields_.target);
+  if (splice) {
+    closeSplicedLegs(ending, *flow_, *splice, fields_.target);
+  } else {
+    closeLegs(ending, *flow_, *upstream, fields_.target);
+  }
   sendRelayEvent(services_->context, "relay.close", fields_);
   if (auto provider = services_->context.lock()) provider->releaseSession(this);
 }

@@ -6,6 +6,11 @@
 // those bytes there and splice the agent onto that connection (failover). After commitment it only
 // watches for idleness and reports how it ended.
 //
+// Once the session can no longer fail over (committed, or the replay buffer gave up), and a
+// splicer is at hand, its bytes move inside the kernel: when either pump comes back to post its
+// next read, the flow's and the upstream's sockets go to the splicer, whose reports keep the
+// session's bookkeeping (first response byte, idle watchdog, ends, cuts) as its pumps did.
+//
 // Each direction's end of stream is passed on as a half-close (the agent's to the upstream, the
 // upstream's to the agent), and the session ends once both have ended, or on a reset or error
 // (carried to the other side as a reset), or on its watchdog.
@@ -25,6 +30,7 @@
 #include "platform/Mutex.h"
 #include "platform/Network.h"
 #include "platform/NetworkExtension.h"
+#include "platform/StreamSplicer.h"
 #include "relay/FailOpenReason.h"
 #include "relay/RelayEnding.h"
 #include "relay/RelayEvent.h"
@@ -43,7 +49,7 @@ struct FirstUpstreamBytes {
   bool empty() const { return bytes.empty() && !isComplete && !error; }
 };
 
-class RelaySession : public std::enable_shared_from_this<RelaySession> {
+class RelaySession : public std::enable_shared_from_this<RelaySession>, public SpliceObserver {
  public:
   enum class Phase { Relaying, FailingOver, Done };
 
@@ -97,6 +103,14 @@ class RelaySession : public std::enable_shared_from_this<RelaySession> {
   void onIdle();
   void onUpstreamWriteFailed(const std::shared_ptr<NWConnection>& to, const NWError& error);
   void reportSever();
+  // Hands both legs to the splicer when the session can no longer fail over and both are idle;
+  // true when they went. `conn` is the connection the calling pump works on.
+  bool trySplice(const std::shared_ptr<NWConnection>& conn);
+  bool canSpliceLockHeld(const std::shared_ptr<NWConnection>& conn) TW_REQUIRES(mutex_);
+  // SpliceObserver: the splice's reports, on flowQueue_.
+  void spliceMoved(SpliceDirection direction, std::size_t bytes) override;
+  void spliceEnded(SpliceDirection direction) override;
+  void spliceFailed(SpliceSide side, const NWError& error) override;
   void dropReplayLockHeld() TW_REQUIRES(mutex_);
   void finishWith(const RelayEnding& ending);
   // Events that must reach the daemon before "relay.close" are sent between these two: a finish
@@ -121,7 +135,8 @@ class RelaySession : public std::enable_shared_from_this<RelaySession> {
   const RelayEventFields fields_;
 
   Mutex mutex_;
-  // Where agent bytes go: the front door, or the direct connection once a failover completes.
+  // Where agent bytes go: the front door, or the direct connection once a failover completes;
+  // empty once spliced.
   std::shared_ptr<NWConnection> upstream_ TW_GUARDED_BY(mutex_);
   // The replay buffer: every agent byte sent upstream while buffering_.
   Bytes early_ TW_GUARDED_BY(mutex_);
@@ -145,6 +160,12 @@ class RelaySession : public std::enable_shared_from_this<RelaySession> {
   // An event that must precede "relay.close" is being sent; a finish waits in deferred_.
   bool announcing_ TW_GUARDED_BY(mutex_) = false;
   std::optional<RelayEnding> deferred_ TW_GUARDED_BY(mutex_);
+  // What carries the bytes once the legs are spliced.
+  std::shared_ptr<StreamSplice> splice_ TW_GUARDED_BY(mutex_);
+  // The splicer said these legs can never be spliced.
+  bool spliceRefused_ TW_GUARDED_BY(mutex_) = false;
+  // How the session ended, for a splice that started while it was ending.
+  std::optional<RelayEnding> ending_ TW_GUARDED_BY(mutex_);
 };
 
 }  // namespace tarnwick

@@ -66,6 +66,12 @@ class TestClient {
     }
   }
   int error() const { return error_; }
+  // Closes with a reset rather than an end of stream.
+  void reset() {
+    const linger abortive{1, 0};
+    ::setsockopt(fd_.get(), SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
+    fd_.reset();
+  }
 
  private:
   UniqueFd fd_;

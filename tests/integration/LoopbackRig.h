@@ -84,15 +84,20 @@ class RunningDaemon {
   std::map<std::string, std::size_t> counts_;
 };
 
+// How a relay carries its bytes once it can no longer fail over.
+enum class Carrying { Buffered, Spliced };
+
 // The provider watching kLoopbackAgent, relaying through a front door in `mode`, with the short
 // limits given.
 class LoopbackRig {
  public:
-  LoopbackRig(frontdoor::FrontDoorMode mode, RelayTiming timing)
+  LoopbackRig(frontdoor::FrontDoorMode mode, RelayTiming timing,
+              Carrying carrying = Carrying::Spliced)
       : frontDoor({.listen = {"127.0.0.1", 0}, .mode = mode, .ackDelaySeconds = 1.0}) {
     TransparentProxyProvider::Services services;
     services.runtime = realRuntime();
     services.connections = realConnectionFactory();
+    if (carrying == Carrying::Spliced) services.splicer = realStreamSplicer();
     services.bridge = DaemonBridge::create(services.runtime, daemon.path());
     services.relayTiming = timing;
     provider = TransparentProxyProvider::create(std::move(services));

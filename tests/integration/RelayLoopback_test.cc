@@ -21,6 +21,7 @@ struct LoopbackCase {
   FrontDoorMode mode;
   std::size_t size;
   std::string reasons;  // each preceded by a space
+  Carrying carrying = Carrying::Spliced;
 };
 void PrintTo(const LoopbackCase& c, std::ostream* os) { *os << c.name; }
 
@@ -51,7 +52,8 @@ TEST_P(RelayLoopbackTest, EchoesEveryByteAndReportsWhy) {
   frontdoor::EchoServer echo;
   // Short limits, so that the silent modes fail over in well under a second.
   LoopbackRig rig(GetParam().mode,
-                  {.handshakeTimeout = Seconds(0.5), .preCommitSilence = Seconds(0.5)});
+                  {.handshakeTimeout = Seconds(0.5), .preCommitSilence = Seconds(0.5)},
+                  GetParam().carrying);
   std::string payload(GetParam().size, '\0');
   for (std::size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<char>(i * 31 + i / 251);
   // The agent's end closes once the echo is back, ending the relay.
@@ -81,7 +83,12 @@ std::vector<LoopbackCase> loopbackCases() {
     for (const std::size_t size : {0, 1, 100 << 10, 128 << 10, (128 << 10) + 1, 10 << 20}) {
       const bool afterCommit = std::string_view(reasons).ends_with("spliced");
       if (afterCommit && (size == 0 || size > 128 << 10)) continue;
-      out.push_back({std::string(mode) + "_" + std::to_string(size) + "B", kind, size, reasons});
+      const std::string name = std::string(mode) + "_" + std::to_string(size) + "B";
+      out.push_back({name, kind, size, reasons});
+      // Where a session carries the bytes, also without a splicer.
+      if (kind == FrontDoorMode::Normal || afterCommit) {
+        out.push_back({name + "_Buffered", kind, size, reasons, Carrying::Buffered});
+      }
     }
   }
   return out;

@@ -256,12 +256,6 @@ TEST(RelayWatchdogTest, SlidesWithEachKickAndFiresOnceUnlessCancelled) {
   EXPECT_EQ(cancelledFired, 0);
 }
 
-}  // namespace
-}  // namespace tarnwick
-
-namespace tarnwick {
-namespace {
-
 // The provider goes away while the front door's acknowledgement is on its way, or before the
 // handshake fails open: nobody is left to keep a session or to dial for the flow, so both legs
 // are closed, silently, rather than left open with nothing to end them.

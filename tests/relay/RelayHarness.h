@@ -106,12 +106,13 @@ class RelayHarness {
   static constexpr const char* kAck = "HTTP/1.1 200 Connection established\r\n\r\n";
   inline static const FlowTarget kTarget{"198.18.0.10", "443"};
 
-  explicit RelayHarness(std::uint64_t seed = 1)
+  // With `splicer`, sessions hand their legs to it once they can no longer fail over.
+  explicit RelayHarness(std::uint64_t seed = 1, std::shared_ptr<StreamSplicer> splicer = nullptr)
       : env(SimulatedRuntime::create({.seed = seed})),
         framework(env->makeQueue("framework", QualityOfService::Default)),
         connections(std::make_shared<ScriptedConnectionFactory>()),
         context(std::make_shared<FakeRelayContext>()),
-        engine(env, connections, context, {}, probes) {
+        engine(env, connections, context, {}, probes, std::move(splicer)) {
     engine.setFrontDoor("127.0.0.1", kFrontDoorPort);
   }
 

@@ -92,6 +92,12 @@ struct RealRelay {
     };
     return eventually(ready) ? connections->last() : nullptr;
   }
+  // The front door acknowledges and answers: the session has committed once this returns true.
+  bool commit(const std::shared_ptr<ScriptedConnection>& frontDoor) {
+    frontDoor->deliver(bytesOf(RelayHarness::kAck));
+    frontDoor->deliver(bytesOf("H"));
+    return eventually([&] { return context->count("circuit:success") == 1; });
+  }
 
   ScopedLogCapture log;
   std::shared_ptr<ScriptedConnectionFactory> connections =
@@ -145,7 +151,8 @@ TEST(RelayThreadsTest, FailoverKeepsTheAgentsByteOrderAcrossThreads) {
     std::erase(trail, "circuit:success");
     EXPECT_EQ(trail, (Trail{"retain", "relay.failopen:passthrough_dial",
                             "relay.failopen:passthrough_dial_spliced", "relay.close", "release"}));
-    EXPECT_EQ(r.context->count("circuit:success"), 1u);
+    // The probe's answer comes on a queue of its own, possibly after the release.
+    EXPECT_TRUE(eventually([&] { return r.context->count("circuit:success") == 1; })) << round;
   }
 }
 
@@ -159,9 +166,7 @@ TEST(RelayThreadsTest, EndedFromBothSidesAtOnceClosesOnce) {
     ASSERT_TRUE(peer) << round;
     peer->becomeReady();
     if (session) {
-      peer->deliver(bytesOf(RelayHarness::kAck));
-      peer->deliver(bytesOf("H"));
-      ASSERT_TRUE(eventually([&] { return r.context->count("circuit:success") == 1; })) << round;
+      ASSERT_TRUE(r.commit(peer)) << round;
     }
     std::thread agent([&] { r.flow->agentEnds(); });
     peer->deliverEnd();
@@ -172,33 +177,16 @@ TEST(RelayThreadsTest, EndedFromBothSidesAtOnceClosesOnce) {
   }
 }
 
-}  // namespace
-}  // namespace tarnwick
-
-namespace tarnwick {
-namespace {
-
-// A session committed to the front door, on the real runtime.
-struct CommittedSession : RealRelay {
-  CommittedSession() : RealRelay(RelayHarness::kFrontDoorPort) {
-    frontDoor = started(1);
-    if (!frontDoor) return;
-    frontDoor->becomeReady();
-    frontDoor->deliver(bytesOf(RelayHarness::kAck));
-    frontDoor->deliver(bytesOf("H"));
-    eventually([&] { return context->count("circuit:success") == 1; });
-    session = context->onlySession();
-  }
-  std::shared_ptr<ScriptedConnection> frontDoor;
-  std::shared_ptr<RelaySession> session;
-};
-
 // Two threads finishing one session at once: one close, one release.
 TEST(RelayThreadsTest, FinishedFromTwoThreadsAtOnceClosesOnce) {
   for (int round = 0; round < 100; ++round) {
-    CommittedSession r;
-    ASSERT_TRUE(r.session) << round;
-    race([&] { r.session->finish(); }, [&] { r.session->finish(); });
+    RealRelay r(RelayHarness::kFrontDoorPort);
+    const auto frontDoor = r.started(1);
+    ASSERT_TRUE(frontDoor) << round;
+    frontDoor->becomeReady();
+    ASSERT_TRUE(r.commit(frontDoor)) << round;
+    const auto session = r.context->onlySession();
+    race([&] { session->finish(); }, [&] { session->finish(); });
     ASSERT_TRUE(eventually([&] { return r.context->count("release") == 1; })) << round;
     EXPECT_EQ(r.context->count("relay.close"), 1u) << round;
     EXPECT_EQ(r.context->retainedCount(), 0u) << round;

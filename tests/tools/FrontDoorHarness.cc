@@ -42,7 +42,7 @@ SocketAddress RunningFrontDoor::address() const {
 EchoServer::EchoServer(const std::string& host) {
   std::string error;
   listener_ = bindTcpSocket(literalAddress(host, 0).value_or(SocketAddress{}), error);
-  if (!listener_ || ::listen(listener_.get(), 128) != 0) ADD_FAILURE() << "echo: " << error;
+  if (!listener_ || ::listen(listener_.get(), SOMAXCONN) != 0) ADD_FAILURE() << "echo: " << error;
   port_ = portOf(localAddress(listener_.get()).value_or(SocketAddress{}));
   ::fcntl(listener_.get(), F_SETFL, 0);  // blocking accepts
   acceptor_ = std::jthread([this] {

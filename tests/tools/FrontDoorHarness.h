@@ -38,8 +38,9 @@ class RunningFrontDoor {
 };
 
 // Listens on a loopback address; every accepted connection echoes what it reads until the end
-// of its input (or 5 s of quiet), then half-closes. The destructor's shutdown of the listener
-// ends the acceptor; the threads join as the members go.
+// of its input (or 5 s of quiet), then half-closes. Its accept queue takes a whole burst of
+// connections: a short one resets what overflows it, which would test the echo, not its client.
+// The destructor's shutdown of the listener ends the acceptor; the threads join as the members go.
 class EchoServer {
  public:
   explicit EchoServer(const std::string& host = "127.0.0.1");

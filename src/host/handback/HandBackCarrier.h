@@ -10,7 +10,7 @@
 
 #include "host/HostLoop.h"
 #include "host/handback/HandBackRelay.h"
-#include "host/handback/PipePool.h"
+#include "platform/posix/PipePool.h"
 
 namespace tarnwick::host {
 

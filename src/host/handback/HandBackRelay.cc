@@ -1,21 +1,10 @@
 #include "host/handback/HandBackRelay.h"
 
-#include <fcntl.h>
-#include <sys/socket.h>
-
-#include <cerrno>
+#include <sys/epoll.h>
 
 #include "platform/posix/Sockets.h"
 
 namespace tarnwick::host {
-namespace {
-
-constexpr unsigned kSpliceFlags = SPLICE_F_MOVE | SPLICE_F_NONBLOCK;
-
-bool wouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK; }
-
-}  // namespace
-
 std::shared_ptr<HandBackRelay> HandBackRelay::create(std::shared_ptr<HostLoop> loop,
                                                      PipePool& pipes, UniqueFd client,
                                                      Finished finished) {
@@ -57,7 +46,7 @@ void HandBackRelay::onIoEvent(std::uint32_t tag, std::uint32_t events) {
     const bool moves = (readable && direction->from == tag) || (writable && direction->to == tag);
     if (moves && !pump(*direction)) return;
   }
-  if (upstream_.done && downstream_.done) return finish(/*reset=*/false);
+  if (upstream_.pump.done() && downstream_.pump.done()) return finish(/*reset=*/false);
   updateInterest();
 }
 
@@ -71,51 +60,13 @@ void HandBackRelay::onConnected() {
   updateInterest();
 }
 
-// Moves what can move now. A splice that brings less than it asked for has emptied the socket,
-// and one that takes less than it offered has filled the other: neither is tried again until
-// the loop reports the side ready, which saves a splice that would only say "try later".
+// When the other direction is done too, closing both sockets next ends this one as well, so
+// its end need not be passed on by itself.
 bool HandBackRelay::pump(Direction& direction) {
-  const int from = socketOf(direction.from).get();
-  const int to = socketOf(direction.to).get();
-  bool drained = false;
-  bool full = false;
-  for (;;) {
-    const bool canRead = !direction.ended && !drained;
-    if (canRead && !direction.pipe) {
-      direction.pipe = pipes_.acquire();
-      if (!direction.pipe) return fail();
-    }
-    if (canRead && direction.buffered < direction.pipe->capacity) {
-      const std::size_t room = direction.pipe->capacity - direction.buffered;
-      const ssize_t in =
-          ::splice(from, nullptr, direction.pipe->write.get(), nullptr, room, kSpliceFlags);
-      if (in < 0 && !wouldBlock()) return fail();
-      drained = in < 0 || static_cast<std::size_t>(in) < room;
-      direction.ended = in == 0;
-      if (in > 0) direction.buffered += static_cast<std::size_t>(in);
-    } else if (direction.buffered == 0 || full) {
-      break;
-    }
-    if (direction.buffered > 0 && !full) {
-      const ssize_t out = ::splice(direction.pipe->read.get(), nullptr, to, nullptr,
-                                   direction.buffered, kSpliceFlags);
-      if (out < 0 && !wouldBlock()) return fail();
-      full = out < 0 || static_cast<std::size_t>(out) < direction.buffered;
-      if (out > 0) direction.buffered -= static_cast<std::size_t>(out);
-    }
-    if ((drained || direction.ended) && (direction.buffered == 0 || full)) break;
-  }
-  if (direction.buffered == 0 && direction.pipe) {
-    pipes_.release(std::move(*direction.pipe));
-    direction.pipe.reset();
-  }
-  if (direction.ended && direction.buffered == 0 && !direction.done) {
-    // When the other direction is done too, closing both sockets next ends this one as well.
-    const Direction& other = &direction == &upstream_ ? downstream_ : upstream_;
-    if (!other.done) ::shutdown(to, SHUT_WR);
-    direction.done = true;
-  }
-  return true;
+  const Direction& other = &direction == &upstream_ ? downstream_ : upstream_;
+  const SplicePump::Step step = direction.pump.pump(
+      socketOf(direction.from).get(), socketOf(direction.to).get(), pipes_, !other.pump.done());
+  return step.error == 0 || fail();
 }
 
 // A side is read only while its direction's pipe is empty, and written only while bytes wait:
@@ -123,8 +74,8 @@ bool HandBackRelay::pump(Direction& direction) {
 void HandBackRelay::updateInterest() {
   std::uint32_t wanted[2] = {0, 0};
   for (const Direction* direction : {&upstream_, &downstream_}) {
-    if (!direction->ended && direction->buffered == 0) wanted[direction->from] |= EPOLLIN;
-    if (direction->buffered > 0) wanted[direction->to] |= EPOLLOUT;
+    if (direction->pump.wantsRead()) wanted[direction->from] |= EPOLLIN;
+    if (direction->pump.wantsWrite()) wanted[direction->to] |= EPOLLOUT;
   }
   setInterest(Client, wanted[Client]);
   setInterest(Destination, wanted[Destination]);

@@ -13,8 +13,9 @@
 #include <optional>
 
 #include "host/HostLoop.h"
-#include "host/handback/PipePool.h"
+#include "platform/posix/PipePool.h"
 #include "platform/posix/SocketAddress.h"
+#include "platform/posix/SplicePump.h"
 #include "platform/posix/UniqueFd.h"
 
 namespace tarnwick::host {
@@ -47,10 +48,7 @@ class HandBackRelay : public IoHandler, public std::enable_shared_from_this<Hand
   struct Direction {
     Side from;
     Side to;
-    std::optional<Pipe> pipe;
-    std::size_t buffered = 0;  // bytes in the pipe
-    bool ended = false;        // the reading side has ended its stream
-    bool done = false;         // ... and the end was passed on
+    SplicePump pump;
   };
 
   HandBackRelay(std::shared_ptr<HostLoop> loop, PipePool& pipes, UniqueFd client,
@@ -72,8 +70,8 @@ class HandBackRelay : public IoHandler, public std::enable_shared_from_this<Hand
   Finished finished_;
   std::uint64_t id_ = 0;
   bool connecting_ = true;
-  Direction upstream_{Client, Destination, std::nullopt};
-  Direction downstream_{Destination, Client, std::nullopt};
+  Direction upstream_{Client, Destination, {}};
+  Direction downstream_{Destination, Client, {}};
   // Events each socket is registered for; absent while it is not in the epoll set.
   std::optional<std::uint32_t> interest_[2];
 };

@@ -128,10 +128,45 @@ std::optional<UniqueFd> SocketFlow::takeSocket() {
   return std::move(socket_);
 }
 
+Detachable SocketFlow::detachable() {
+  MutexLock lock(mutex_);
+  return detachableLocked();
+}
+
+Detachable SocketFlow::detachableLocked() {
+  if (!opened_ || !socket_ || read_closed_ || write_closed_) return Detachable::Never;
+  return pending_writes_.empty() && owed_ == 0 ? Detachable::Now : Detachable::NotNow;
+}
+
+std::optional<DetachedSocket> SocketFlow::detachSocket() {
+  ReadCompletion dropped;
+  MutexLock lock(mutex_);
+  if (detachableLocked() != Detachable::Now) return std::nullopt;
+  dropped = std::exchange(pending_read_, nullptr);
+  read_closed_ = true;
+  write_closed_ = true;
+  loop_->remove(socket_.get());
+  loop_->unregisterHandler(std::exchange(loop_id_, 0));
+  handed_over_ = std::make_shared<AbortLatch>();
+  DetachedSocket::Counted counted;
+  if (counters_) {
+    counted = [counters = counters_](bool read, std::size_t bytes) {
+      if (read) {
+        counters->countBytesFromAgent(bytes);
+      } else {
+        counters->countBytesToAgent(bytes);
+      }
+    };
+  }
+  return DetachedSocket(std::move(socket_), std::move(counted), handed_over_);
+}
+
 void SocketFlow::abort() {
   std::vector<Work> out;
+  std::shared_ptr<AbortLatch> handedOver;
   {
     MutexLock lock(mutex_);
+    handedOver = handed_over_;
     const NEError error{ECONNABORTED, "the host is stopping"};
     read_closed_ = true;
     write_closed_ = true;
@@ -145,6 +180,7 @@ void SocketFlow::abort() {
     }
   }
   post(out);
+  if (handedOver) handedOver->fire();
 }
 
 void SocketFlow::onIoEvent(std::uint32_t, std::uint32_t) {
@@ -171,13 +207,15 @@ void SocketFlow::tryReadLockHeld(std::vector<Work>& out) {
   if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return rearmLockHeld();
   auto completion = std::exchange(pending_read_, nullptr);
   if (got < 0) {
-    out.push_back([completion, error = errnoError(errno)] { completion(std::nullopt, error); });
+    out.push_back(
+        owedLockHeld([completion, error = errnoError(errno)] { completion(std::nullopt, error); }));
   } else {
     if (counters_) counters_->countBytesFromAgent(static_cast<std::size_t>(got));
     // Zero bytes: the client ended its stream; the empty content says so.
-    out.push_back([completion, data = Bytes(scratch.begin(), scratch.begin() + got)]() mutable {
-      completion(std::move(data), std::nullopt);
-    });
+    out.push_back(
+        owedLockHeld([completion, data = Bytes(scratch.begin(), scratch.begin() + got)]() mutable {
+          completion(std::move(data), std::nullopt);
+        }));
   }
 }
 
@@ -194,8 +232,9 @@ void SocketFlow::tryWriteLockHeld(std::vector<Work>& out) {
     front.sent += static_cast<std::size_t>(sent);
     if (counters_) counters_->countBytesToAgent(static_cast<std::size_t>(sent));
     if (front.sent < front.data.size()) continue;
-    out.push_back([completion = std::move(front.completion)] { completion(std::nullopt); });
-    pending_writes_.pop_front();
+    out.push_back(
+        owedLockHeld([completion = std::move(front.completion)] { completion(std::nullopt); }));
+    pending_writes_.erase(pending_writes_.begin());
   }
   if (write_closed_ && !write_shut_) {
     shutWriteLockHeld();
@@ -235,6 +274,19 @@ void SocketFlow::rearmLockHeld() {
 
 void SocketFlow::post(std::vector<Work>& work) {
   for (auto& item : work) framework_->async(std::move(item));
+}
+
+// Settled just before it runs, so what the completion does next (hand the socket over, say)
+// sees only the completions still on their way after it.
+Work SocketFlow::owedLockHeld(Work completion) {
+  ++owed_;
+  return [weak = weak_from_this(), completion = std::move(completion)] {
+    if (auto self = weak.lock()) {
+      MutexLock lock(self->mutex_);
+      --self->owed_;
+    }
+    completion();
+  };
 }
 
 }  // namespace tarnwick::host

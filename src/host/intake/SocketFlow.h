@@ -10,12 +10,15 @@
 //
 // The bytes read from and written to the client are added to the host's counters, when given.
 //
+// Handing over: an open, idle flow (no write going out, no completion on its way) gives its
+// socket to a splicer, which counts its bytes on the host's counters from then on.
+//
 // Methods: any thread. onIoEvent: the loop thread. mutex_ guards the socket and the pending
 // operations; completions are posted after it is released.
 
-#include <deque>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "host/HostLoop.h"
 #include "host/status/HostCounters.h"
@@ -44,11 +47,14 @@ class SocketFlow : public NEAppProxyTCPFlow,
   void closeReadWithError(std::optional<NEError> error) override;
   void closeWriteWithError(std::optional<NEError> error) override;
   std::optional<NWHostEndpoint> remoteEndpoint() const override { return remote_; }
+  Detachable detachable() override;
+  std::optional<DetachedSocket> detachSocket() override;
 
   // The socket back, for a flow the provider did not take; absent once the flow was opened.
   std::optional<UniqueFd> takeSocket();
   // Ends the flow at once, as a stopping host does: the client's connection is reset, and the
-  // pending read and writes fail, so whatever carries the flow lets go of it.
+  // pending read and writes fail, so whatever carries the flow lets go of it. A socket handed
+  // over to a splicer is reset by the splicer, which tells the relay.
   void abort();
 
   void onIoEvent(std::uint32_t tag, std::uint32_t events) override;
@@ -71,6 +77,9 @@ class SocketFlow : public NEAppProxyTCPFlow,
   void shutWriteLockHeld() TW_REQUIRES(mutex_);
   void finishCloseLockHeld() TW_REQUIRES(mutex_);
   void rearmLockHeld() TW_REQUIRES(mutex_);
+  Detachable detachableLocked() TW_REQUIRES(mutex_);
+  // A read's or a write's completion, owed to its caller until it runs.
+  Work owedLockHeld(Work completion) TW_REQUIRES(mutex_);
   void post(std::vector<Work>& work);
 
   const std::shared_ptr<HostLoop> loop_;
@@ -89,7 +98,11 @@ class SocketFlow : public NEAppProxyTCPFlow,
   // Whether the socket may hold more than the last read took; a new flow's client has usually
   // sent something already.
   bool may_have_more_ TW_GUARDED_BY(mutex_) = true;
-  std::deque<PendingWrite> pending_writes_ TW_GUARDED_BY(mutex_);
+  // Rarely more than one; a vector costs an idle flow nothing, where a deque keeps a block.
+  std::vector<PendingWrite> pending_writes_ TW_GUARDED_BY(mutex_);
+  std::size_t owed_ TW_GUARDED_BY(mutex_) = 0;
+  // Set once the socket is handed over: how an abort reaches whoever carries it.
+  std::shared_ptr<AbortLatch> handed_over_ TW_GUARDED_BY(mutex_);
 };
 
 }  // namespace tarnwick::host

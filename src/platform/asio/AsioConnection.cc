@@ -93,6 +93,38 @@ void AsioConnection::receive(std::size_t minimumIncompleteLength, std::size_t ma
 
 void AsioConnection::cancel() { cancelWith(/*abortive=*/false); }
 
+Detachable AsioConnection::detachable() {
+  MutexLock lock(mutex_);
+  return detachableLocked();
+}
+
+Detachable AsioConnection::detachableLocked() {
+  if (state_ != Kind::Ready || !socket_.is_open() || readEnded_ || readError_) {
+    return Detachable::Never;
+  }
+  const bool busy =
+      !sends_.empty() || writing_ || owed_ > 0 || !inbound_.empty() || receives_.size() > 1;
+  return busy ? Detachable::NotNow : Detachable::Now;
+}
+
+// Releasing the socket from the reactor ends the pending wait for readability, whose handler
+// finds the connection cancelled.
+std::optional<DetachedSocket> AsioConnection::detachSocket() {
+  std::optional<DetachedSocket> detached;
+  {
+    MutexLock lock(mutex_);
+    if (detachableLocked() != Detachable::Now) return std::nullopt;
+    state_ = Kind::Cancelled;
+    receives_.clear();
+    asio::error_code error;
+    const int fd = socket_.release(error);
+    if (!error) detached.emplace(UniqueFd(fd));
+    postStateLocked(NWConnectionState::of(Kind::Cancelled));
+  }
+  flushOutbox();
+  return detached;
+}
+
 void AsioConnection::forceCancel() { cancelWith(/*abortive=*/true); }
 
 // An abortive close lingers for no time, so closing the socket sends a reset.
@@ -232,7 +264,10 @@ void AsioConnection::stopSocketLocked() {
   candidates_.clear();
 }
 
-void AsioConnection::postLocked(Work work) { outbox_.push_back(std::move(work)); }
+void AsioConnection::postLocked(Work work, bool owed) {
+  if (owed) ++owed_;
+  outbox_.push_back({std::move(work), owed});
+}
 
 // The handler is read when the state is delivered, so one removed meanwhile is not called. The
 // cancelled state is the last: delivering it drops the handler.
@@ -262,14 +297,22 @@ void AsioConnection::flushOutbox() {
   queue->async([self = shared_from_this()] { self->drainOutbox(); });
 }
 
+// A completion is settled just before it runs, so what it does next (hand the socket over,
+// say) sees only the completions still on their way after it.
 void AsioConnection::drainOutbox() {
-  std::vector<Work> work;
+  std::vector<Outgoing> work;
   {
     MutexLock lock(mutex_);
     work.swap(outbox_);
     drainPosted_ = false;
   }
-  for (auto& item : work) item();
+  for (auto& item : work) {
+    if (item.owed) {
+      MutexLock lock(mutex_);
+      --owed_;
+    }
+    item.work();
+  }
 }
 
 }  // namespace tarnwick

@@ -18,6 +18,10 @@
 // I/O error completes the operation it hit (a receive also gets the bytes read before it) and the
 // state stays ready: only cancel() ends the connection.
 //
+// Handing over: once ready and idle (no send, no completion on its way), the socket can be
+// taken for a splicer; a receive still waiting for bytes is dropped, and the connection is then
+// cancelled without closing the socket, which is no longer its own.
+//
 // Threads: every method from any thread. mutex_ guards all state and the Asio objects; it is
 // never held while user code runs. Callbacks are appended to outbox_ under the lock and run in
 // that order by one drain task at a time on the start() queue, so a send completion can never
@@ -27,7 +31,6 @@
 
 #include <asio.hpp>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -49,6 +52,8 @@ class AsioConnection : public NWConnection, public std::enable_shared_from_this<
                ReceiveCompletion completion) override;
   void cancel() override;
   void forceCancel() override;
+  Detachable detachable() override;
+  std::optional<DetachedSocket> detachSocket() override;
 
  private:
   using Kind = NWConnectionState::Kind;
@@ -93,8 +98,11 @@ class AsioConnection : public NWConnection, public std::enable_shared_from_this<
   void completeReceiveLocked(bool isComplete, std::optional<NWError> error) TW_REQUIRES(mutex_);
   void abandonPendingLocked(bool wasReady) TW_REQUIRES(mutex_);
 
-  // Delivery to the start() queue.
-  void postLocked(Work work) TW_REQUIRES(mutex_);
+  Detachable detachableLocked() TW_REQUIRES(mutex_);
+
+  // Delivery to the start() queue. A send's or a receive's completion is owed to its caller
+  // from the moment it is posted until it runs.
+  void postLocked(Work work, bool owed = false) TW_REQUIRES(mutex_);
   void postStateLocked(NWConnectionState state) TW_REQUIRES(mutex_);
   void flushOutbox() TW_EXCLUDES(mutex_);
   void drainOutbox() TW_EXCLUDES(mutex_);
@@ -116,11 +124,13 @@ class AsioConnection : public NWConnection, public std::enable_shared_from_this<
   std::size_t nextCandidate_ TW_GUARDED_BY(mutex_) = 0;
   std::optional<NWError> lastConnectError_ TW_GUARDED_BY(mutex_);
 
-  std::deque<PendingSend> sends_ TW_GUARDED_BY(mutex_);
+  // Rarely more than one of each; vectors cost an idle connection nothing, where deques keep a
+  // block each.
+  std::vector<PendingSend> sends_ TW_GUARDED_BY(mutex_);
   bool writing_ TW_GUARDED_BY(mutex_) = false;
   std::size_t written_ TW_GUARDED_BY(mutex_) = 0;  // of sends_.front()
 
-  std::deque<PendingReceive> receives_ TW_GUARDED_BY(mutex_);
+  std::vector<PendingReceive> receives_ TW_GUARDED_BY(mutex_);
   bool awaitingReadable_ TW_GUARDED_BY(mutex_) = false;
   Bytes inbound_ TW_GUARDED_BY(mutex_);  // read for receives_.front(); empty while idle
   bool readEnded_ TW_GUARDED_BY(mutex_) = false;
@@ -128,8 +138,14 @@ class AsioConnection : public NWConnection, public std::enable_shared_from_this<
   bool mayHaveMore_ TW_GUARDED_BY(mutex_) = false;
   std::optional<NWError> readError_ TW_GUARDED_BY(mutex_);
 
-  std::vector<Work> outbox_ TW_GUARDED_BY(mutex_);
+  struct Outgoing {
+    Work work;
+    bool owed;
+  };
+  std::vector<Outgoing> outbox_ TW_GUARDED_BY(mutex_);
   bool drainPosted_ TW_GUARDED_BY(mutex_) = false;
+  // Completions owed: posted, not run yet.
+  std::size_t owed_ TW_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace tarnwick

@@ -60,10 +60,11 @@ void AsioConnection::onWritable(const asio::error_code& error) {
 
 void AsioConnection::completeSendLocked(std::optional<NWError> error) {
   PendingSend done = std::move(sends_.front());
-  sends_.pop_front();
+  sends_.erase(sends_.begin());
   written_ = 0;
   if (done.completion) {
-    postLocked([c = std::move(done.completion), error = std::move(error)] { c(error); });
+    postLocked([c = std::move(done.completion), error = std::move(error)] { c(error); },
+               /*owed=*/true);
   }
 }
 
@@ -124,11 +125,12 @@ bool AsioConnection::readAvailableLocked() {
 // error, later receives complete at once the same way (readNextLocked).
 void AsioConnection::completeReceiveLocked(bool isComplete, std::optional<NWError> error) {
   PendingReceive done = std::move(receives_.front());
-  receives_.pop_front();
+  receives_.erase(receives_.begin());
   std::optional<Bytes> content;
   if (!inbound_.empty()) content = std::exchange(inbound_, Bytes());
   postLocked([c = std::move(done.completion), content = std::move(content), isComplete,
-              error = std::move(error)]() mutable { c(std::move(content), isComplete, error); });
+              error = std::move(error)]() mutable { c(std::move(content), isComplete, error); },
+             /*owed=*/true);
 }
 
 // Before ready nothing was written or read, so pending operations are dropped without their

@@ -1,6 +1,7 @@
 #include "platform/asio/AsioRuntime.h"
 
 #include <pthread.h>
+#include <signal.h>
 
 #include <algorithm>
 #include <string>
@@ -28,11 +29,11 @@ class AsioReadableWatch : public IoLane::ReadableWatch {
   }
 
   void wait(Work then) override {
-    descriptor_.async_wait(asio::posix::descriptor_base::wait_read,
-                           [watched = watched_, then = std::move(then)](
-                               const asio::error_code& error) {
-                             if (!error && *watched) then();
-                           });
+    descriptor_.async_wait(
+        asio::posix::descriptor_base::wait_read,
+        [watched = watched_, then = std::move(then)](const asio::error_code& error) {
+          if (!error && *watched) then();
+        });
   }
 
  private:
@@ -40,10 +41,21 @@ class AsioReadableWatch : public IoLane::ReadableWatch {
   const std::shared_ptr<bool> watched_ = std::make_shared<bool>(true);
 };
 
+// A splice into a socket whose peer has reset raises SIGPIPE, and splice() has no flag to keep
+// it from doing so: the lanes block it, so it stays pending on the lane, harmless, whatever the
+// process does with the signal (a test binary, a benchmark).
+void blockBrokenPipeSignals() {
+  sigset_t brokenPipe;
+  sigemptyset(&brokenPipe);
+  sigaddset(&brokenPipe, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &brokenPipe, nullptr);
+}
+
 }  // namespace
 
 AsioLane::AsioLane(std::size_t index, Role role)
     : index_(index), keepRunning_(asio::make_work_guard(context_)), thread_([this, role] {
+        blockBrokenPipeSignals();
         if (role == Role::Data) tlsLane = this;
         const std::string name =
             role == Role::Data ? "tw-lane-" + std::to_string(index_) : std::string("tw-offlane");

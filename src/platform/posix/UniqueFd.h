@@ -25,6 +25,9 @@ class UniqueFd {
   bool valid() const { return fd_ >= 0; }
   explicit operator bool() const { return valid(); }
 
+  // Gives the descriptor up without closing it.
+  int release() { return std::exchange(fd_, -1); }
+
   void reset(int fd = -1) {
     if (fd_ >= 0) ::close(fd_);
     fd_ = fd;

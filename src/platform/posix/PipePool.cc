@@ -1,9 +1,9 @@
-#include "host/handback/PipePool.h"
+#include "platform/posix/PipePool.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
-namespace tarnwick::host {
+namespace tarnwick {
 
 std::optional<Pipe> PipePool::acquire() {
   if (!idle_.empty()) {
@@ -24,4 +24,4 @@ void PipePool::release(Pipe pipe) {
   if (idle_.size() < keep_) idle_.push_back(std::move(pipe));
 }
 
-}  // namespace tarnwick::host
+}  // namespace tarnwick

@@ -1,14 +1,15 @@
 #pragma once
-// Pipes for splicing handed-back connections' bytes. A direction holds a pipe only while bytes
-// are in it; an idle connection holds none, so a thousand idle connections do not cost two
-// thousand pipes. Loop thread only.
+// Pipes for splicing one socket's bytes into another (handed-back connections, relays past
+// their commitment). A direction holds a pipe only while bytes are in it; an idle connection
+// holds none, so a thousand idle connections do not cost two thousand pipes. One thread only:
+// each event loop has its own pool.
 
 #include <optional>
 #include <vector>
 
 #include "platform/posix/UniqueFd.h"
 
-namespace tarnwick::host {
+namespace tarnwick {
 
 struct Pipe {
   UniqueFd read;
@@ -36,4 +37,4 @@ class PipePool {
   std::vector<Pipe> idle_;
 };
 
-}  // namespace tarnwick::host
+}  // namespace tarnwick
