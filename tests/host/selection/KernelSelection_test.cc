@@ -348,12 +348,13 @@ TEST_F(KernelSelectionTest, DestinationsSharingAListenerSideAddressBothConnect) 
   const std::string ports = std::to_string(first) + "," + std::to_string(second);
   Probe probe(agent_, {"reuse", "ipv4", kSourcePort, "198.18.5.5", ports, "hold"});
   std::set<std::string> arrivals;
-  for (const std::uint16_t port : {first, second}) {
-    ASSERT_EQ(probe.expect("connected="), std::to_string(port))
+  // Held open: closing one with its bytes unread would reset it and free its tuple.
+  Accepted held[2];
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_EQ(probe.expect("connected="), std::to_string(i ? second : first))
         << probe.expect("error").value_or("");
-    Accepted arrival;
-    ASSERT_TRUE(acceptRedirected(listener4_.get(), nullptr, &arrival));
-    arrivals.insert(formatAddress(*localAddress(arrival.fd.get())));
+    ASSERT_TRUE(acceptRedirected(listener4_.get(), nullptr, &held[i]));
+    arrivals.insert(formatAddress(*localAddress(held[i].fd.get())));
   }
   EXPECT_EQ(arrivals.size(), 2u);
 }
