@@ -273,12 +273,37 @@ INSTANTIATE_TEST_SUITE_P(Ways, ConnectWayTest,
 
 constexpr const char* kSourcePort = "40123";
 
+// `count` ports from `first` on.
+std::vector<std::uint16_t> portsFrom(unsigned first, unsigned count) {
+  std::vector<std::uint16_t> ports;
+  for (unsigned port = first; port < first + count; ++port) ports.push_back(port);
+  return ports;
+}
+
+// Ports as the probe takes them, separated by commas.
+std::string listOf(const std::vector<std::uint16_t>& ports) {
+  std::string list;
+  for (const std::uint16_t port : ports) list += (list.empty() ? "" : ",") + std::to_string(port);
+  return list;
+}
+
+// Two ports of one host whose destinations share their first listener-side address.
+std::vector<std::uint16_t> collidingPorts(const std::string& host) {
+  std::unordered_map<std::string, std::uint16_t> seen;
+  for (std::uint16_t port = 1; port != 0; ++port) {
+    const auto [at, added] = seen.emplace(listenerSideAddress(host, port), port);
+    if (!added) return {at->second, port};
+  }
+  return {};
+}
+
 struct Reuse {
   std::string name;
   std::string kind;  // of the program's socket: ipv4, dual (IPv6, not IPv6-only), ipv6only
   std::string host;
   bool ipv6Listener;
   std::string then;  // close: each one ends (TIME_WAIT) before the next; hold: all live at once
+  bool colliding = false;  // two destinations that share their first listener-side address
 };
 
 void PrintTo(const Reuse& reuse, std::ostream* out) { *out << reuse.name; }
@@ -287,26 +312,28 @@ class ReuseTest : public KernelSelectionTest, public ::testing::WithParamInterfa
 
 // A program that keeps one source port and connects to one destination after another gets a
 // connection each time, as it would without the interceptor: the previous one lingering in
-// TIME_WAIT, or still open, has another listener-side address. Each record is found by the
-// pair of addresses, one source port notwithstanding.
+// TIME_WAIT, or still open, has another listener-side address (the next one, where two
+// destinations share the first). Each record is found by the pair of addresses, one source
+// port notwithstanding.
 TEST_P(ReuseTest, OneSourcePortReachesSeveralDestinations) {
   const Reuse& reuse = GetParam();
-  const std::vector<std::string> ports = {"1001", "1002", "1003", "1004"};
-  Probe probe(agent_,
-              {"reuse", reuse.kind, kSourcePort, reuse.host, "1001,1002,1003,1004", reuse.then});
+  const auto ports = reuse.colliding ? collidingPorts(reuse.host) : portsFrom(1001, 4);
+  ASSERT_FALSE(ports.empty());
+  Probe probe(agent_, {"reuse", reuse.kind, kSourcePort, reuse.host, listOf(ports), reuse.then});
   std::set<std::string> arrivals;
+  // Held open: closing one with its bytes unread would reset it and free its tuple.
   std::vector<Accepted> held;
-  for (const std::string& port : ports) {
-    ASSERT_EQ(probe.expect("connected="), port) << probe.expect("error").value_or("");
+  for (const std::uint16_t port : ports) {
+    ASSERT_EQ(probe.expect("connected="), std::to_string(port))
+        << probe.expect("error").value_or("");
     std::string bytes;
     Accepted arrival;
     const auto record =
         acceptRedirected((reuse.ipv6Listener ? listener6_ : listener4_).get(), &bytes, &arrival);
     ASSERT_TRUE(record);
     EXPECT_EQ(bytes, "hi");
-    const auto destinationPort = static_cast<std::uint16_t>(std::stoi(port));
     EXPECT_EQ(formatAddress(record->destination),
-              formatAddress(socketAddressFrom(judgedDestination(reuse.host, destinationPort))));
+              formatAddress(socketAddressFrom(judgedDestination(reuse.host, port))));
     EXPECT_EQ(std::to_string(portOf(arrival.peer)), kSourcePort);
     arrivals.insert(formatAddress(*localAddress(arrival.fd.get())));
     if (reuse.then == "hold") {
@@ -323,6 +350,7 @@ INSTANTIATE_TEST_SUITE_P(
     Sockets, ReuseTest,
     ::testing::Values(Reuse{"IPv4InTurn", "ipv4", "198.18.5.5", false, "close"},
                       Reuse{"IPv4AtOnce", "ipv4", "198.18.5.5", false, "hold"},
+                      Reuse{"IPv4SharingAnAddress", "ipv4", "198.18.5.5", false, "hold", true},
                       Reuse{"DualStackInTurn", "dual", "2001:db8:5::5", false, "close"},
                       Reuse{"DualStackAtOnce", "dual", "2001:db8:5::5", false, "hold"},
                       Reuse{"V4MappedInTurn", "dual", "::ffff:198.18.5.5", false, "close"},
@@ -330,42 +358,10 @@ INSTANTIATE_TEST_SUITE_P(
                       Reuse{"IPv6OnlyAtOnce", "ipv6only", "2001:db8:5::5", true, "hold"}),
     CaseName());
 
-// Two ports of one host whose destinations share their first listener-side address.
-std::pair<std::uint16_t, std::uint16_t> collidingPorts(const std::string& host) {
-  std::unordered_map<std::string, std::uint16_t> seen;
-  for (std::uint16_t port = 1; port != 0; ++port) {
-    const auto [at, added] = seen.emplace(listenerSideAddress(host, port), port);
-    if (!added) return {at->second, port};
-  }
-  return {0, 0};
-}
-
-// A bound source port whose destinations' listener-side addresses collide gets the next one
-// for the second connection, so the collision costs nothing.
-TEST_F(KernelSelectionTest, DestinationsSharingAListenerSideAddressBothConnect) {
-  const auto [first, second] = collidingPorts("198.18.5.5");
-  ASSERT_NE(first, 0);
-  const std::string ports = std::to_string(first) + "," + std::to_string(second);
-  Probe probe(agent_, {"reuse", "ipv4", kSourcePort, "198.18.5.5", ports, "hold"});
-  std::set<std::string> arrivals;
-  // Held open: closing one with its bytes unread would reset it and free its tuple.
-  Accepted held[2];
-  for (int i = 0; i < 2; ++i) {
-    ASSERT_EQ(probe.expect("connected="), std::to_string(i ? second : first))
-        << probe.expect("error").value_or("");
-    ASSERT_TRUE(acceptRedirected(listener4_.get(), nullptr, &held[i]));
-    arrivals.insert(formatAddress(*localAddress(held[i].fd.get())));
-  }
-  EXPECT_EQ(arrivals.size(), 2u);
-}
-
 // Where the line is: an IPv6-only socket's connections from one source port share the ports
 // reserved on ::1, so the one after as many as there are, all still open, is refused.
 TEST_F(KernelSelectionTest, AnIpv6OnlySourcePortHasAsManyConnectionsAsReservedPorts) {
-  std::string ports;
-  for (unsigned i = 0; i <= TW_IPV6_PORTS; ++i) {
-    ports += (ports.empty() ? "" : ",") + std::to_string(2000 + i);
-  }
+  const std::string ports = listOf(portsFrom(2000, TW_IPV6_PORTS + 1));
   Probe probe(agent_, {"reuse", "ipv6only", kSourcePort, "2001:db8:5::5", ports, "hold"});
   for (unsigned i = 0; i < TW_IPV6_PORTS; ++i) {
     ASSERT_EQ(probe.expect("connected="), std::to_string(2000 + i));
@@ -386,10 +382,9 @@ TEST_F(KernelSelectionTest, ListenersSharingThePortEachGetTheirShare) {
   config.listenerPort = port;
   config.listener4 = first.get();
   load(config);
-  std::string ports;
   constexpr int kConnections = 24;
-  for (int i = 0; i < kConnections; ++i) ports += (i ? "," : "") + std::to_string(3000 + i);
-  Probe probe(agent_, {"reuse", "ipv4", "0", "198.18.5.5", ports, "hold"});
+  Probe probe(agent_,
+              {"reuse", "ipv4", "0", "198.18.5.5", listOf(portsFrom(3000, kConnections)), "hold"});
   int counts[2] = {0, 0};
   for (int total = 0; total < kConnections;) {
     pollfd ready[2] = {{first.get(), POLLIN, 0}, {second.get(), POLLIN, 0}};
