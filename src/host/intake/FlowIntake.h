@@ -82,8 +82,8 @@ class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowInt
   // false, says why in one line and leaves nothing bound.
   bool listen(std::uint16_t port, std::string& error);
   std::uint16_t port() const { return port_; }
-  // The listening socket of `family` (AF_INET or AF_INET6); -1 when there is none. The
-  // owner's thread, while listening.
+  // The listening socket of `family` (AF_INET or AF_INET6); -1 when there is none. Any
+  // thread, between listen() and close() (the host asks while it starts).
   int listenerFd(int family) const;
   // Stops accepting; flows already offered live on.
   void close();
