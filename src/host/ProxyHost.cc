@@ -249,7 +249,7 @@ FlowIntake::OriginLookup ProxyHost::originLookup() {
              const SocketAddress& peer) -> std::optional<FlowIntake::Origin> {
     const auto self = weak.lock();
     if (!self) return std::nullopt;
-    if (const auto kernel = self->selection()) return kernel->origin(peer);
+    if (const auto kernel = self->selection()) return kernel->origin(peer, local);
     auto tuple = tupleOf(fd, local, peer);
     if (!tuple) return std::nullopt;
     return FlowIntake::Origin{std::move(*tuple), std::nullopt};
@@ -302,13 +302,19 @@ std::optional<NEError> ProxyHost::recordApplied(const NETransparentProxyNetworkS
   return std::nullopt;
 }
 
-// Loads the programs with the listener's port and the rules' excluded networks, and starts them
-// from the provider's watch set.
+// Loads the programs with the listener's port, the first lane's listeners (the kernel spreads
+// what it steers to one of them over every lane's, which share its port) and the rules'
+// excluded networks, and starts them from the provider's watch set.
 bool ProxyHost::selectInKernel(const NETransparentProxyNetworkSettings& rules,
                                std::string& whyNot) {
   std::string unusable;
-  KernelSelection::Config config{listenPort(), excludedPrefixesOf(rules, unusable),
-                                 options_.settings.blockQuic, 0};
+  const FlowIntake& intake = *lanes_.front().intake;
+  KernelSelection::Config config{listenPort(),
+                                 intake.listenerFd(AF_INET),
+                                 intake.listenerFd(AF_INET6),
+                                 excludedPrefixesOf(rules, unusable),
+                                 options_.settings.blockQuic,
+                                 0};
   if (!unusable.empty()) {
     hostLog().error("host: warning: %{public}s — its destinations are selected all the same",
                     unusable);

@@ -14,8 +14,8 @@
 //   exec        runs VIA (an unwatched program) at once over the connected socket, which echoes
 //   child       hands the socket to a child that echoes, and ends at once
 //   unix        passes the socket over a Unix socket to VIA, which echoes, and ends at once
-//   reuse       PORT is a comma-separated list: one echo to each, all from one source port,
-//               retrying for a while a connect() the kernel refuses with EADDRNOTAVAIL
+//   reuse       PORT is a comma-separated list: one echo to each in turn, all from one source
+//               port, each started while the last one still lingers after its close
 //   device      binds to device tw0 and source 198.18.0.1, with mark 0x100 and TOS 0x80
 //   await       connects once it gets SIGUSR1
 //   udp         PORT is a list: one UDP socket to each, sending BYTES datagrams of 100 bytes;
@@ -103,17 +103,11 @@ int prepared(const std::string& mode, const addrinfo* to) {
 
 int connected(const std::string& mode, const char* host, const std::string& port) {
   addrinfo* found = resolve(host, port, SOCK_STREAM);
-  for (int attempt = 1;; ++attempt) {
-    const int fd = prepared(mode, found);
-    if (connect(fd, found->ai_addr, found->ai_addrlen) == 0) {
-      freeaddrinfo(found);
-      return fd;
-    }
-    if (mode != "reuse" || errno != EADDRNOTAVAIL || attempt == 40)
-      fail(std::string("connect: ") + std::strerror(errno));
-    close(fd);
-    usleep(100'000);
-  }
+  const int fd = prepared(mode, found);
+  if (connect(fd, found->ai_addr, found->ai_addrlen) != 0)
+    fail(std::string("connect: ") + std::strerror(errno));
+  freeaddrinfo(found);
+  return fd;
 }
 
 void sendAll(int fd, std::size_t total) {

@@ -85,6 +85,12 @@ bool FlowIntake::listen(std::uint16_t port, std::string& error) {
   return true;
 }
 
+int FlowIntake::listenerFd(int family) const {
+  const std::size_t index = family == AF_INET ? 0 : 1;
+  return (family == AF_INET || family == AF_INET6) && listeners_[index] ? listeners_[index].get()
+                                                                        : -1;
+}
+
 void FlowIntake::close() {
   for (auto& listener : listeners_) {
     if (listener) parts_.loop->remove(listener.get());
@@ -100,7 +106,6 @@ void FlowIntake::onIoEvent(std::uint32_t tag, std::uint32_t) {
 // follows, so a burst of connections is taken off the listener's queue at once.
 void FlowIntake::acceptFrom(std::size_t index) {
   const int listener = listeners_[index].get();
-  const auto self = literalAddress(kLoopbacks[index], port_);
   std::vector<Accepted> accepted;
   for (;;) {
     SocketAddress peer;
@@ -109,7 +114,8 @@ void FlowIntake::acceptFrom(std::size_t index) {
                               SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (client) {
       // A connection made to the listener itself has itself as its destination.
-      auto origin = parts_.originOf(client.get(), *self, peer);
+      const auto self = localAddress(client.get());
+      auto origin = self ? parts_.originOf(client.get(), *self, peer) : std::nullopt;
       if (!origin || sameSocketAddress(origin->tuple.destination, *self)) {
         hostLog().error(
             "intake: a connection this interceptor did not redirect (no record of it, or aimed "

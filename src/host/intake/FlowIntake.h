@@ -1,13 +1,14 @@
 #pragma once
 // Turns redirected connections into flows. Listens on 127.0.0.1 and, where the machine has IPv6,
-// on ::1; for each accepted connection it reads the kernel's record of the redirect (a
-// connection without one, or aimed at the listener itself, is not this host's to carry and is
-// reset, so the host never loops into itself), then, once the accept loop has emptied the
-// listener's queue, names the owning process, unless the record did, and offers the flow to the
-// provider. A flow the
-// provider does not take goes to the hand-back carrier; one it takes is kept track of, weakly. A
-// connection whose process takes a walk of /proc to find waits for it off the lane; the others go
-// on meanwhile. Every connection that is closed instead of offered is logged and counted.
+// on ::1 (the kernel may steer connections for other loopback addresses there too, so an
+// accepted connection is known by its own two ends); for each accepted connection it reads the
+// kernel's record of the redirect (a connection without one, or aimed at the listener itself,
+// is not this host's to carry and is reset, so the host never loops into itself), then, once the
+// accept loop has emptied the listener's queue, names the owning process, unless the record did,
+// and offers the flow to the provider. A flow the provider does not take goes to the hand-back
+// carrier; one it takes is kept track of, weakly. A connection whose process takes a walk of /proc
+// to find waits for it off the lane; the others go on meanwhile. Every connection that is closed
+// instead of offered is logged and counted.
 //
 // The host runs one intake per lane, all listening on one shared port: the kernel spreads new
 // connections over them, and each flow lives on the lane that accepted it, with its framework
@@ -81,6 +82,9 @@ class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowInt
   // false, says why in one line and leaves nothing bound.
   bool listen(std::uint16_t port, std::string& error);
   std::uint16_t port() const { return port_; }
+  // The listening socket of `family` (AF_INET or AF_INET6); -1 when there is none. Any
+  // thread, between listen() and close() (the host asks while it starts).
+  int listenerFd(int family) const;
   // Stops accepting; flows already offered live on.
   void close();
 

@@ -2,8 +2,10 @@
 
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
+#include <fcntl.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdarg>
@@ -13,9 +15,11 @@
 #include <mutex>
 #include <vector>
 
+#include "host/selection/ListenerAddresses.h"
 #include "host/selection/SelectionPrograms.h"
 #include "host/selection/selection.skel.h"
 #include "platform/Mutex.h"
+#include "platform/posix/UniqueFd.h"
 
 namespace tarnwick::host {
 namespace {
@@ -75,6 +79,21 @@ class BpfSelectionPrograms final : public SelectionPrograms {
   BpfSelectionPrograms(const BpfSelectionPrograms&) = delete;
   BpfSelectionPrograms& operator=(const BpfSelectionPrograms&) = delete;
 
+  // Hands the kernel the listeners to steer to; false with `whyNot` set when it refuses one.
+  bool holdListeners(const SelectionSettings& settings, std::string& whyNot) {
+    const std::pair<__u32, int> listeners[] = {{TW_LISTENER_IPV4, settings.listener4},
+                                               {TW_LISTENER_IPV6, settings.listener6}};
+    for (const auto& [key, fd] : listeners) {
+      const __u64 value = static_cast<__u64>(fd);
+      if (fd >= 0 &&
+          bpf_map_update_elem(bpf_map__fd(skeleton_->maps.listeners), &key, &value, BPF_ANY) != 0) {
+        whyNot = failure("handing the listeners to the kernel", errno);
+        return false;
+      }
+    }
+    return true;
+  }
+
   // Attaches every program; false with `whyNot` set when one cannot be.
   bool attach(int cgroupRoot, std::string& whyNot) {
     bpf_program* cgroupPrograms[] = {
@@ -93,6 +112,16 @@ class BpfSelectionPrograms final : public SelectionPrograms {
       if (!keep(bpf_program__attach(program), "attaching to the scheduler's tracepoints", whyNot)) {
         return false;
       }
+    }
+    // The calling thread's network namespace, where the listeners are.
+    const UniqueFd netns(::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
+    if (!netns) {
+      whyNot = failure("opening the network namespace", errno);
+      return false;
+    }
+    if (!keep(bpf_program__attach_netns(skeleton_->progs.tw_steer, netns.get()),
+              "attaching to the network namespace's socket lookup", whyNot)) {
+      return false;
     }
     ring_ = ring_buffer__new(bpf_map__fd(skeleton_->maps.events), &BpfSelectionPrograms::onEvent,
                              this, nullptr);
@@ -164,10 +193,10 @@ class BpfSelectionPrograms final : public SelectionPrograms {
            0;
   }
 
-  std::optional<tw_socket_record> takeConnection(const tw_address& client) override {
+  std::optional<tw_socket_record> takeConnection(const tw_connection_key& key) override {
     tw_socket_record record{};
-    if (bpf_map_lookup_and_delete_elem(bpf_map__fd(skeleton_->maps.connections), &client,
-                                       &record) != 0) {
+    if (bpf_map_lookup_and_delete_elem(bpf_map__fd(skeleton_->maps.connections), &key, &record) !=
+        0) {
       return std::nullopt;
     }
     return record;
@@ -245,12 +274,16 @@ std::unique_ptr<SelectionPrograms> loadSelectionPrograms(const SelectionSettings
   skeleton->rodata->own_pid = settings.ownPID;
   skeleton->rodata->listener_port = settings.listenerPort;
   skeleton->rodata->block_quic = settings.blockQuic ? 1 : 0;
+  const std::size_t ports = std::min<std::size_t>(settings.ipv6Ports.size(), TW_IPV6_PORTS);
+  std::copy_n(settings.ipv6Ports.begin(), ports, skeleton->rodata->ipv6_ports);
+  skeleton->rodata->ipv6_port_count = static_cast<__u32>(ports);
   auto programs = std::make_unique<BpfSelectionPrograms>(skeleton);
   if (const int error = selection_bpf::load(skeleton); error != 0) {
     whyNot = failure("loading the BPF programs", -error);
     return nullptr;
   }
-  if (!programs->attach(settings.cgroupRoot, whyNot)) return nullptr;
+  if (!programs->holdListeners(settings, whyNot) || !programs->attach(settings.cgroupRoot, whyNot))
+    return nullptr;
   return programs;
 }
 

@@ -1,5 +1,6 @@
 #include "host/selection/KernelSelection.h"
 
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <cstring>
 
 #include "host/selection/CgroupRoot.h"
+#include "host/selection/ListenerAddresses.h"
 #include "host/selection/SelectionRecords.h"
 
 #ifndef SO_NETNS_COOKIE
@@ -55,6 +57,10 @@ std::optional<SelectionSettings> settingsFor(const KernelSelection::Config& conf
     whyNot = "the kernel has no BTF (/sys/kernel/btf/vmlinux is missing)";
     return std::nullopt;
   }
+  if (config.listener4 < 0) {
+    whyNot = "no listener on 127.0.0.1 to send connections to";
+    return std::nullopt;
+  }
   SelectionSettings settings;
   settings.netnsCookie = networkNamespaceCookie();
   if (settings.netnsCookie == 0) {
@@ -64,9 +70,35 @@ std::optional<SelectionSettings> settingsFor(const KernelSelection::Config& conf
   const long ticksPerSecond = ::sysconf(_SC_CLK_TCK);
   settings.nanosecondsPerTick = ticksPerSecond > 0 ? 1'000'000'000 / ticksPerSecond : 10'000'000;
   settings.listenerPort = config.listenerPort;
+  settings.listener4 = config.listener4;
+  settings.listener6 = config.listener6;
   settings.blockQuic = config.blockQuic;
   settings.ownPID = static_cast<std::uint32_t>(config.ownPID != 0 ? config.ownPID : ::getpid());
   return settings;
+}
+
+// Ports on ::1 bound exclusively (no address reuse), so no other program can bind or listen
+// there; with their numbers in `ports`. Empty, with `whyNot` set, when they cannot be had.
+std::vector<UniqueFd> reserveIpv6Ports(std::vector<std::uint16_t>& ports, std::string& whyNot) {
+  std::vector<UniqueFd> reserved;
+  sockaddr_in6 loopback{};
+  loopback.sin6_family = AF_INET6;
+  loopback.sin6_addr = in6addr_loopback;
+  const int on = 1;
+  while (reserved.size() < TW_IPV6_PORTS) {
+    UniqueFd fd(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in6 bound{};
+    socklen_t length = sizeof bound;
+    if (!fd || ::setsockopt(fd.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on) != 0 ||
+        ::bind(fd.get(), reinterpret_cast<const sockaddr*>(&loopback), sizeof loopback) != 0 ||
+        ::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&bound), &length) != 0) {
+      whyNot = std::string("cannot reserve ports on ::1: ") + std::strerror(errno);
+      return {};
+    }
+    ports.push_back(ntohs(bound.sin6_port));
+    reserved.push_back(std::move(fd));
+  }
+  return reserved;
 }
 
 bool excludeAll(SelectionPrograms& programs, const std::vector<IpPrefix>& prefixes,
@@ -91,13 +123,22 @@ std::unique_ptr<KernelSelection> KernelSelection::load(const Config& config, std
   const UniqueFd cgroupRoot = openCgroupRoot(whyNot);
   if (!cgroupRoot) return nullptr;
   settings->cgroupRoot = cgroupRoot.get();
+  std::vector<UniqueFd> ipv6Ports;
+  if (config.listener6 >= 0) {
+    ipv6Ports = reserveIpv6Ports(settings->ipv6Ports, whyNot);
+    if (ipv6Ports.empty()) return nullptr;
+  }
   auto programs = loadSelectionPrograms(*settings, whyNot);
   if (!programs || !excludeAll(*programs, config.excludedPrefixes, whyNot)) return nullptr;
-  return std::unique_ptr<KernelSelection>(new KernelSelection(std::move(programs)));
+  return std::unique_ptr<KernelSelection>(
+      new KernelSelection(std::move(programs), std::move(ipv6Ports)));
 }
 
-KernelSelection::KernelSelection(std::unique_ptr<SelectionPrograms> programs)
-    : programs_(std::move(programs)), reconciler_(*programs_, &ProcessTree::read) {}
+KernelSelection::KernelSelection(std::unique_ptr<SelectionPrograms> programs,
+                                 std::vector<UniqueFd> ipv6Ports)
+    : programs_(std::move(programs)),
+      ipv6Ports_(std::move(ipv6Ports)),
+      reconciler_(*programs_, &ProcessTree::read) {}
 
 void KernelSelection::addWatched(const WatchGate::SigningSet& signingIDs,
                                  const WatchGate::PidSet& pids) {
@@ -113,8 +154,9 @@ void KernelSelection::pruneTo(const WatchGate::SigningSet& signingIDs,
   reconciler_.prune(targets());
 }
 
-std::optional<ConnectRecord> KernelSelection::takeConnectRecord(const SocketAddress& peer) const {
-  const auto key = connectionKeyFor(peer);
+std::optional<ConnectRecord> KernelSelection::takeConnectRecord(const SocketAddress& peer,
+                                                                const SocketAddress& local) const {
+  const auto key = connectionKeyFor(peer, local);
   const auto record = key ? programs_->takeConnection(*key) : std::nullopt;
   if (!record) return std::nullopt;
   return ConnectRecord{selectedProcessFrom(record->process),

@@ -2,20 +2,26 @@
 // Kernel-side selection: the kernel keeps the set of candidate processes (watched executables,
 // watched PIDs, and what they fork) and sends only candidates' TCP connections to the host's
 // listener, keeping each connection's original destination and the process that called
-// connect(). Candidates' UDP sockets are reported, once each. The candidate set is a superset of
+// connect(). Each connection arrives at a listener-side address of its own destination's
+// (127.X.Y.Z, or a port on ::1 the host reserves; see ListenerAddresses.h), which the kernel
+// steers to the listener, so a program that reuses one source port towards several
+// destinations gets a distinct connection each time. Candidates' UDP sockets are reported, once
+// each. The candidate set is a superset of
 // what the provider accepts, never a replacement for it: the provider still decides every flow.
 //
 // How the host uses it:
-//   1. Bind the listeners, then load() with the listener's port. Null means the kernel cannot
-//      select here, for the reason given (one line an operator can act on).
+//   1. Bind the listeners, then load() with the listener's port and one listening socket of
+//      each family. Null means the kernel cannot select here, for the reason given (one line an
+//      operator can act on).
 //   2. On every watch-set change (and once at start with the start options' set):
 //      addWatched(new set); hand the new set to the provider; pruneTo(new set). So the
 //      candidate set covers the old and the new set while the provider moves from one to the
 //      other.
 //   3. Put eventsFd() and inodeWatchFd() in the loop's epoll set; when readable, call
 //      drainEvents() and drainInodeChanges().
-//   4. For each accepted connection, takeConnectRecord(peer address): the original destination
-//      and the process, and metaDataFor(record.process) for the flow's metadata.
+//   4. For each accepted connection, takeConnectRecord(peer address, local address): the
+//      original destination and the process, and metaDataFor(record.process) for the flow's
+//      metadata.
 //   5. Destroy it to detach everything. A process that dies without doing so leaves nothing
 //      attached either: no program is pinned.
 //
@@ -44,6 +50,11 @@ class KernelSelection {
   struct Config {
     // The host's listener, on 127.0.0.1 and ::1 of the caller's network namespace.
     std::uint16_t listenerPort = 0;
+    // A listening socket at that port on 127.0.0.1, and one on ::1 (-1 without IPv6). When one
+    // shares its port with others (SO_REUSEPORT), the kernel spreads connections over them all.
+    // Used while loading only; the kernel lets go of a listener once it is closed.
+    int listener4 = -1;
+    int listener6 = -1;
     // Destinations left alone (see excludedPrefixesOf). Loopback and link-local are always.
     std::vector<IpPrefix> excludedPrefixes;
     // Refuse candidates' UDP to port 443 (EPERM), so QUIC clients fall back to TCP. Candidates
@@ -66,9 +77,10 @@ class KernelSelection {
   // Second step, once the provider has the new set: the set covers only these.
   void pruneTo(const WatchGate::SigningSet& signingIDs, const WatchGate::PidSet& pids);
 
-  // The record of the redirected connection whose client is at `peer` (as the listener sees
-  // it), taken out so it is found once. Absent when there is none.
-  std::optional<ConnectRecord> takeConnectRecord(const SocketAddress& peer) const;
+  // The record of the redirected connection from `peer` that arrived at `local` (the accepted
+  // socket's own address), taken out so it is found once. Absent when there is none.
+  std::optional<ConnectRecord> takeConnectRecord(const SocketAddress& peer,
+                                                 const SocketAddress& local) const;
   // The flow metadata for a recorded process, also after it has gone.
   NEFlowMetaData metaDataFor(const SelectedProcess& process) const;
 
@@ -89,10 +101,13 @@ class KernelSelection {
   SelectionCounters counters() const { return programs_->counters(); }
 
  private:
-  explicit KernelSelection(std::unique_ptr<SelectionPrograms> programs);
+  KernelSelection(std::unique_ptr<SelectionPrograms> programs, std::vector<UniqueFd> ipv6Ports);
   WatchTargets targets() const;
 
   const std::unique_ptr<SelectionPrograms> programs_;
+  // Bound, never listening, so no other program can take the ports on ::1 that IPv6
+  // connections are steered through.
+  const std::vector<UniqueFd> ipv6Ports_;
   WatchedExecutables executables_;
   CandidateReconciler reconciler_;
   // What is watched now: during a change, the old set and the new. The loop's thread only.

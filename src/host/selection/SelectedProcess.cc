@@ -39,6 +39,30 @@ std::optional<std::string> livePathOf(const SelectedProcess& process) {
   return directory.executable();
 }
 
+// One end of a connection as the kernel files it: a v4-mapped IPv6 address as IPv4.
+std::optional<tw_address> endKeyFor(const SocketAddress& end) {
+  tw_address key{};
+  if (end.family() == AF_INET) {
+    const auto* ip = reinterpret_cast<const sockaddr_in*>(&end.storage);
+    key.family = AF_INET;
+    key.port = ip->sin_port;
+    std::memcpy(key.addr, &ip->sin_addr, 4);
+    return key;
+  }
+  if (end.family() != AF_INET6) return std::nullopt;
+  const auto* ip = reinterpret_cast<const sockaddr_in6*>(&end.storage);
+  const auto* bytes = reinterpret_cast<const std::uint8_t*>(&ip->sin6_addr);
+  key.port = ip->sin6_port;
+  if (isV4Mapped(bytes)) {
+    key.family = AF_INET;
+    std::memcpy(key.addr, bytes + 12, 4);
+  } else {
+    key.family = AF_INET6;
+    std::memcpy(key.addr, bytes, 16);
+  }
+  return key;
+}
+
 }  // namespace
 
 SelectedProcess selectedProcessFrom(const tw_process& process) {
@@ -65,27 +89,12 @@ SocketAddress socketAddressFrom(const tw_address& address) {
   return result;
 }
 
-std::optional<tw_address> connectionKeyFor(const SocketAddress& client) {
-  tw_address key{};
-  if (client.family() == AF_INET) {
-    const auto* ip = reinterpret_cast<const sockaddr_in*>(&client.storage);
-    key.family = AF_INET;
-    key.port = ip->sin_port;
-    std::memcpy(key.addr, &ip->sin_addr, 4);
-    return key;
-  }
-  if (client.family() != AF_INET6) return std::nullopt;
-  const auto* ip = reinterpret_cast<const sockaddr_in6*>(&client.storage);
-  const auto* bytes = reinterpret_cast<const std::uint8_t*>(&ip->sin6_addr);
-  key.port = ip->sin6_port;
-  if (isV4Mapped(bytes)) {
-    key.family = AF_INET;
-    std::memcpy(key.addr, bytes + 12, 4);
-  } else {
-    key.family = AF_INET6;
-    std::memcpy(key.addr, bytes, 16);
-  }
-  return key;
+std::optional<tw_connection_key> connectionKeyFor(const SocketAddress& client,
+                                                  const SocketAddress& listener) {
+  const auto clientEnd = endKeyFor(client);
+  const auto listenerEnd = endKeyFor(listener);
+  if (!clientEnd || !listenerEnd) return std::nullopt;
+  return tw_connection_key{*clientEnd, *listenerEnd};
 }
 
 NEFlowMetaData flowMetaDataFor(const SelectedProcess& process,

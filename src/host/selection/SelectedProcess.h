@@ -15,6 +15,7 @@
 
 struct tw_process;
 struct tw_address;
+struct tw_connection_key;
 
 namespace tarnwick::host {
 
@@ -27,7 +28,8 @@ struct SelectedProcess {
   std::uint32_t flags = 0;  // effective flags of CandidateRules.h at that moment
 };
 
-// A redirected TCP connection, found by the client socket's own address.
+// A redirected TCP connection, found by its client's address and the listener-side address it
+// arrived at.
 struct ConnectRecord {
   SelectedProcess process;
   SocketAddress destination;  // a v4-mapped IPv6 destination is given as IPv4
@@ -42,9 +44,10 @@ struct UdpSocketReport {
 SelectedProcess selectedProcessFrom(const tw_process& process);
 // The socket address; a v4-mapped IPv6 one becomes IPv4.
 SocketAddress socketAddressFrom(const tw_address& address);
-// The key a connection record is filed under for a client socket at `client`; absent for an
-// address that is neither IPv4 nor IPv6.
-std::optional<tw_address> connectionKeyFor(const SocketAddress& client);
+// The key a connection record is filed under for a connection from `client` that arrived at
+// `listener` (the accepted socket's own address); absent when either is neither IPv4 nor IPv6.
+std::optional<tw_connection_key> connectionKeyFor(const SocketAddress& client,
+                                                  const SocketAddress& listener);
 
 // The metadata of a flow made by `process`, with the same audit token the process table gives
 // a live process. The signing identifier is `watchedPath` when the process ran a watched

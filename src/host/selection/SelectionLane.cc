@@ -109,8 +109,9 @@ void SelectionLane::offerUdpSocket(const UdpSocketReport& report) {
       std::make_shared<ReportedUdpFlow>(metaDataRecording(report.process)));
 }
 
-std::optional<FlowIntake::Origin> SelectionLane::origin(const SocketAddress& peer) const {
-  auto record = selection_->takeConnectRecord(peer);
+std::optional<FlowIntake::Origin> SelectionLane::origin(const SocketAddress& peer,
+                                                        const SocketAddress& local) const {
+  auto record = selection_->takeConnectRecord(peer, local);
   if (!record) return std::nullopt;
   return FlowIntake::Origin{{peer, record->destination}, metaDataRecording(record->process)};
 }

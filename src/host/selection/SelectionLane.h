@@ -49,9 +49,10 @@ class SelectionLane : public IoHandler, public std::enable_shared_from_this<Sele
   // and provider alike; `completion` gets the provider's reply, on the lane.
   void changeWatchSet(Bytes message, NETransparentProxyProvider::AppMessageCompletion completion);
 
-  // The kernel's record of the connection whose client is at `peer`: where it connected to and
-  // who connected. Absent when the kernel redirected no such connection.
-  std::optional<FlowIntake::Origin> origin(const SocketAddress& peer) const;
+  // The kernel's record of the connection from `peer` that arrived at `local`: where it
+  // connected to and who connected. Absent when the kernel redirected no such connection.
+  std::optional<FlowIntake::Origin> origin(const SocketAddress& peer,
+                                           const SocketAddress& local) const;
 
   std::size_t candidateCount() const { return selection_->candidateCount(); }
   SelectionCounters counters() const { return selection_->counters(); }

@@ -1,8 +1,8 @@
 #pragma once
-// The kernel side of selection once loaded: the BPF programs attached at the cgroup root and the
-// tracepoints, and the maps they share with userspace. Held by KernelSelection; everything
-// attached is held by link descriptors and goes when this object goes, or with the process,
-// however it ends: nothing is pinned.
+// The kernel side of selection once loaded: the BPF programs attached at the cgroup root, the
+// tracepoints and the network namespace, and the maps they share with userspace. Held by
+// KernelSelection; everything attached is held by link descriptors and goes when this object goes,
+// or with the process, however it ends: nothing is pinned.
 //
 // Map operations are single system calls and may run on any thread; drainEvents() on one thread
 // at a time.
@@ -12,6 +12,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "host/selection/CandidateStore.h"
 #include "host/selection/IpPrefix.h"
@@ -22,6 +23,12 @@ namespace tarnwick::host {
 
 struct SelectionSettings {
   std::uint16_t listenerPort = 0;
+  // The listeners connections are steered to (IPv6: -1 when there is none), descriptors used
+  // while loading only: the kernel holds the sockets, and lets go of one that closes.
+  int listener4 = -1;
+  int listener6 = -1;
+  // Ports on ::1 reserved for IPv6 connections, steered to the IPv6 listener too.
+  std::vector<std::uint16_t> ipv6Ports;
   bool blockQuic = false;
   std::uint32_t ownPID = 0;
   std::uint64_t netnsCookie = 0;
@@ -38,8 +45,8 @@ struct SelectionCounters {
 class SelectionPrograms : public CandidateStore {
  public:
   virtual bool addExcluded(const IpPrefix& prefix) = 0;
-  // The record of a redirected connection whose client socket is at `client`, taken out.
-  virtual std::optional<tw_socket_record> takeConnection(const tw_address& client) = 0;
+  // The record of a redirected connection, taken out.
+  virtual std::optional<tw_socket_record> takeConnection(const tw_connection_key& key) = 0;
   // Readable when events wait.
   virtual int eventsFd() const = 0;
   virtual void drainEvents(const std::function<void(const tw_event&)>& handler) = 0;

@@ -45,6 +45,14 @@ struct tw_address {
   __u8 addr[16];
 };
 
+/* A redirected connection as the listener sees it: the client's address and the listener-side
+ * address it arrived at. One client port may have several connections at once, each to its
+ * own listener-side address. */
+struct tw_connection_key {
+  struct tw_address client;
+  struct tw_address listener;
+};
+
 /* What a socket of a candidate carries in its local storage. */
 #define TW_SOCKET_REDIRECTED 0x1u
 #define TW_SOCKET_UDP_REPORTED 0x2u
@@ -78,6 +86,11 @@ struct tw_prefix6 {
   __u32 prefix_length;
   __u8 addr[16];
 };
+
+/* The listener sockets the kernel steers redirected connections to, keys of their map. */
+#define TW_LISTENER_IPV4 0u
+#define TW_LISTENER_IPV6 1u
+#define TW_LISTENER_COUNT 2u
 
 /* Counters the loader reads, indexes into the counters array. */
 #define TW_COUNTER_EVENTS_DROPPED 0u

@@ -16,6 +16,7 @@
 #include <bpf/bpf_tracing.h>
 
 #include "host/selection/CandidateRules.h"
+#include "host/selection/ListenerAddresses.h"
 #include "host/selection/SelectionRecords.h"
 
 #define AF_INET 2
@@ -25,6 +26,8 @@
 #define SOL_SOCKET 1
 #define SO_BINDTODEVICE 25
 #define TW_QUIC_PORT 443
+#define TW_TCP_LISTEN 10
+#define TW_LOOPBACK4 0x7f000001u
 
 /* The few kernel fields read here, relocated against the running kernel's BTF at load. */
 typedef struct {
@@ -82,12 +85,23 @@ struct linux_binprm {
   struct file *file;
 } __attribute__((preserve_access_index));
 
+struct sock_common {
+  unsigned char skc_ipv6only : 1;
+} __attribute__((preserve_access_index));
+
+struct sock {
+  struct sock_common __sk_common;
+} __attribute__((preserve_access_index));
+
 /* Set by the loader before load. */
 const volatile __u64 netns_cookie = 0;
 const volatile __u64 ns_per_tick = 10000000;
 const volatile __u32 own_pid = 0;
 const volatile __u16 listener_port = 0; /* host order */
 const volatile __u8 block_quic = 0;
+/* The ports on ::1 reserved for IPv6 connections (host order), the first ipv6_port_count. */
+const volatile __u16 ipv6_ports[TW_IPV6_PORTS] = {};
+const volatile __u32 ipv6_port_count = 0;
 
 __u64 counters[TW_COUNTER_COUNT] = {};
 
@@ -135,13 +149,22 @@ struct {
   __type(value, struct tw_socket_record);
 } sockets SEC(".maps");
 
-/* Redirected connections by the client socket's own address, for the interceptor to take. */
+/* Redirected connections by their client's and their listener-side address, for the
+ * interceptor to take. */
 struct {
   __uint(type, BPF_MAP_TYPE_LRU_HASH);
   __uint(max_entries, 65536);
-  __type(key, struct tw_address);
+  __type(key, struct tw_connection_key);
   __type(value, struct tw_socket_record);
 } connections SEC(".maps");
+
+/* The interceptor's listeners, one of each family; the kernel removes one that is closed. */
+struct {
+  __uint(type, BPF_MAP_TYPE_SOCKMAP);
+  __uint(max_entries, TW_LISTENER_COUNT);
+  __type(key, __u32);
+  __type(value, __u64);
+} listeners SEC(".maps");
 
 struct {
   __uint(type, BPF_MAP_TYPE_RINGBUF);
@@ -270,22 +293,111 @@ static __always_inline int is_ours_to_judge(struct bpf_sock_addr *ctx) {
          (bpf_get_current_pid_tgid() >> 32) != own_pid;
 }
 
+/* Whether a connection, live or lingering in TIME_WAIT, already has the tuple: connect() would
+ * then refuse it. `tuple` is as a packet from the listener side to the client would carry it,
+ * so a listener is what a free tuple finds, if anything. */
+static __always_inline int tuple_taken(struct bpf_sock_addr *ctx, struct bpf_sock_tuple *tuple,
+                                       __u32 size) {
+  struct bpf_sock *found = bpf_skc_lookup_tcp(ctx, tuple, size, BPF_F_CURRENT_NETNS, 0);
+  if (!found) return 0;
+  const int taken = found->state != TW_TCP_LISTEN;
+  bpf_sk_release(found);
+  return taken;
+}
+
+/* The listener-side IPv4 address (network order) for a destination with hash `hash`. A socket
+ * without a bound port gets the first candidate: the kernel then picks a port that makes the
+ * tuple unique. */
+static __always_inline __u32 listener_ip4(struct bpf_sock_addr *ctx, __u32 hash) {
+  const __u16 source_port = (__u16)ctx->sk->src_port;
+  if (source_port == 0) return bpf_htonl(tw_loopback_host(hash, 0));
+  struct bpf_sock_tuple tuple = {};
+  /* The loopback route's source, unless the socket is bound to an address. */
+  tuple.ipv4.daddr = ctx->sk->src_ip4 ? ctx->sk->src_ip4 : bpf_htonl(TW_LOOPBACK4);
+  tuple.ipv4.dport = bpf_htons(source_port);
+  tuple.ipv4.sport = bpf_htons(listener_port);
+  for (__u32 attempt = 0; attempt < TW_LOOPBACK_ATTEMPTS; attempt++) {
+    tuple.ipv4.saddr = bpf_htonl(tw_loopback_host(hash, attempt));
+    if (!tuple_taken(ctx, &tuple, sizeof(tuple.ipv4))) return tuple.ipv4.saddr;
+  }
+  return bpf_htonl(tw_loopback_host(hash, 0));
+}
+
+static __always_inline void bound_ip6(struct bpf_sock_addr *ctx, __u32 *address) {
+  address[0] = ctx->sk->src_ip6[0];
+  address[1] = ctx->sk->src_ip6[1];
+  address[2] = ctx->sk->src_ip6[2];
+  address[3] = ctx->sk->src_ip6[3];
+}
+
+static __always_inline __u16 ipv6_port_at(__u32 hash, __u32 attempt) {
+  return ipv6_ports[tw_ipv6_port_index(hash, attempt, ipv6_port_count) & (TW_IPV6_PORTS - 1)];
+}
+
+/* The listener-side port on ::1 (host order) for a destination with hash `hash`. */
+static __always_inline __u16 listener_port6(struct bpf_sock_addr *ctx, __u32 hash) {
+  if (ipv6_port_count == 0) return listener_port;
+  const __u16 source_port = (__u16)ctx->sk->src_port;
+  if (source_port == 0) return ipv6_port_at(hash, 0);
+  struct bpf_sock_tuple tuple = {};
+  bound_ip6(ctx, tuple.ipv6.daddr);
+  /* The loopback route's source, unless the socket is bound to an address. */
+  if ((tuple.ipv6.daddr[0] | tuple.ipv6.daddr[1] | tuple.ipv6.daddr[2] | tuple.ipv6.daddr[3]) ==
+      0) {
+    tuple.ipv6.daddr[3] = bpf_htonl(1);
+  }
+  tuple.ipv6.dport = bpf_htons(source_port);
+  tuple.ipv6.saddr[3] = bpf_htonl(1);
+  for (__u32 attempt = 0; attempt < TW_IPV6_PORTS; attempt++) {
+    if (attempt >= ipv6_port_count) break;
+    const __u16 port = ipv6_port_at(hash, attempt);
+    tuple.ipv6.sport = bpf_htons(port);
+    if (!tuple_taken(ctx, &tuple, sizeof(tuple.ipv6))) return port;
+  }
+  return ipv6_port_at(hash, 0);
+}
+
+/* Whether an IPv6 socket may carry its connection over IPv4 (v4-mapped): not when it is IPv6
+ * only, nor when it is bound to an IPv6 address, nor when the kernel cannot say (a protocol
+ * other than TCP, such as MPTCP). */
+static __always_inline int may_map_to_ipv4(struct bpf_sock_addr *ctx) {
+  __u32 bound[4];
+  bound_ip6(ctx, bound);
+  if ((bound[0] | bound[1] | bound[2] | bound[3]) != 0 && !is_v4_mapped(bound)) return 0;
+  struct sock *sk = (struct sock *)bpf_skc_to_tcp6_sock(ctx->sk);
+  return sk && !BPF_CORE_READ_BITFIELD(&sk->__sk_common, skc_ipv6only);
+}
+
+/* Rewrites the destination to the listener-side address for `judged_destination`. The family
+ * asked for is known when this is compiled into each hook, as the context lets it write only
+ * its own family's address. */
 static __always_inline void point_at_listener(struct bpf_sock_addr *ctx,
-                                              const struct tw_address *asked) {
-  ctx->user_port = bpf_htons(listener_port);
+                                              const struct tw_address *asked,
+                                              const struct tw_address *judged_destination) {
+  const __u32 hash = tw_destination_hash(judged_destination->addr, judged_destination->port);
   if (asked->family == AF_INET) {
-    ctx->user_ip4 = bpf_htonl(0x7f000001);
+    ctx->user_ip4 = listener_ip4(ctx, hash);
+    ctx->user_port = bpf_htons(listener_port);
     return;
   }
-  const int mapped = is_v4_mapped((const __u32 *)asked->addr);
+  if (judged_destination->family == AF_INET || may_map_to_ipv4(ctx)) {
+    ctx->user_ip6[0] = 0;
+    ctx->user_ip6[1] = 0;
+    ctx->user_ip6[2] = bpf_htonl(0x0000ffff);
+    ctx->user_ip6[3] = listener_ip4(ctx, hash);
+    ctx->user_port = bpf_htons(listener_port);
+    return;
+  }
   ctx->user_ip6[0] = 0;
   ctx->user_ip6[1] = 0;
-  ctx->user_ip6[2] = mapped ? bpf_htonl(0x0000ffff) : 0;
-  ctx->user_ip6[3] = mapped ? bpf_htonl(0x7f000001) : bpf_htonl(1);
+  ctx->user_ip6[2] = 0;
+  ctx->user_ip6[3] = bpf_htonl(1);
+  ctx->user_port = bpf_htons(listener_port6(ctx, hash));
 }
 
 static __always_inline int redirect(struct bpf_sock_addr *ctx, const struct tw_process *process,
-                                    const struct tw_address *asked) {
+                                    const struct tw_address *asked,
+                                    const struct tw_address *judged_destination) {
   struct tw_socket_record *record =
       bpf_sk_storage_get(&sockets, ctx->sk, 0, BPF_SK_STORAGE_GET_F_CREATE);
   if (!record) {
@@ -301,7 +413,7 @@ static __always_inline int redirect(struct bpf_sock_addr *ctx, const struct tw_p
     char none[1] = "";
     bpf_setsockopt(ctx, SOL_SOCKET, SO_BINDTODEVICE, none, sizeof(none));
   }
-  point_at_listener(ctx, asked);
+  point_at_listener(ctx, asked, judged_destination);
   return 1;
 }
 
@@ -339,7 +451,8 @@ static __always_inline int on_destination(struct bpf_sock_addr *ctx,
   if (!tcp && !block_quic && already_reported(ctx)) return 1;
   struct tw_process process;
   if (!current_candidate(&process) || is_excluded(&destination)) return 1;
-  return tcp ? redirect(ctx, &process, asked) : judge_udp(ctx, &process, &destination, asked);
+  return tcp ? redirect(ctx, &process, asked, &destination)
+             : judge_udp(ctx, &process, &destination, asked);
 }
 
 static __always_inline struct tw_address asked4(const struct bpf_sock_addr *ctx) {
@@ -415,8 +528,26 @@ int tw_getpeername6(struct bpf_sock_addr *ctx) {
   return 1;
 }
 
+/* One end of a socket's connection; a v4-mapped IPv6 address counts as IPv4, as the listener
+ * sees it. */
+static __always_inline struct tw_address end_of(__u32 family, const __u32 *ip6, __u32 ip4,
+                                                __u16 network_port) {
+  struct tw_address end = {};
+  end.port = network_port;
+  if (family == AF_INET || is_v4_mapped(ip6)) {
+    end.family = AF_INET;
+    const __u32 ip = family == AF_INET ? ip4 : ip6[3];
+    __builtin_memcpy(end.addr, &ip, 4);
+  } else {
+    end.family = AF_INET6;
+    __u32 ip[4] = {ip6[0], ip6[1], ip6[2], ip6[3]};
+    __builtin_memcpy(end.addr, ip, 16);
+  }
+  return end;
+}
+
 /* Once the source port is chosen, a redirected connection's record is filed under the client's
- * own address, which is what the listener sees as the peer. */
+ * own address and the listener-side address, which is what the listener sees. */
 SEC("sockops")
 int tw_sockops(struct bpf_sock_ops *skops) {
   if (skops->op != BPF_SOCK_OPS_TCP_CONNECT_CB) return 1;
@@ -424,27 +555,58 @@ int tw_sockops(struct bpf_sock_ops *skops) {
   if (!sk) return 1;
   struct tw_socket_record *record = bpf_sk_storage_get(&sockets, sk, 0, 0);
   if (!record || !(record->state & TW_SOCKET_REDIRECTED)) return 1;
-  struct tw_address client = {};
-  client.port = bpf_htons((__u16)skops->local_port);
-  if (skops->family == AF_INET) {
-    client.family = AF_INET;
-    const __u32 ip = skops->local_ip4;
-    __builtin_memcpy(client.addr, &ip, 4);
-  } else {
-    __u32 ip[4] = {skops->local_ip6[0], skops->local_ip6[1], skops->local_ip6[2],
-                   skops->local_ip6[3]};
-    if (is_v4_mapped(ip)) {
-      client.family = AF_INET;
-      __builtin_memcpy(client.addr, &ip[3], 4);
-    } else {
-      client.family = AF_INET6;
-      __builtin_memcpy(client.addr, ip, 16);
-    }
-  }
-  if (bpf_map_update_elem(&connections, &client, record, BPF_ANY) != 0) {
+  const __u32 local6[4] = {skops->local_ip6[0], skops->local_ip6[1], skops->local_ip6[2],
+                           skops->local_ip6[3]};
+  const __u32 remote6[4] = {skops->remote_ip6[0], skops->remote_ip6[1], skops->remote_ip6[2],
+                            skops->remote_ip6[3]};
+  struct tw_connection_key key = {
+      .client = end_of(skops->family, local6, skops->local_ip4,
+                       bpf_htons((__u16)skops->local_port)),
+      /* The remote port comes in network order in the upper half. */
+      .listener = end_of(skops->family, remote6, skops->remote_ip4,
+                         bpf_htons((__u16)bpf_ntohl(skops->remote_port))),
+  };
+  if (bpf_map_update_elem(&connections, &key, record, BPF_ANY) != 0) {
     count(TW_COUNTER_RECORDS_FAILED);
   }
   return 1;
+}
+
+/* Whether `port` (host order) is one the interceptor listens at on ::1. */
+static __always_inline int is_ipv6_listener_port(__u32 port) {
+  if (port == listener_port) return 1;
+  for (__u32 i = 0; i < TW_IPV6_PORTS; i++) {
+    if (i >= ipv6_port_count) break;
+    if (ipv6_ports[i] == port) return 1;
+  }
+  return 0;
+}
+
+/* Steers TCP connections to the listener-side addresses, 127/8 at the listener's port and ::1
+ * at the IPv6 ones, to the interceptor's listener of that family. A listener in a group
+ * sharing its port (SO_REUSEPORT) is one the kernel then chooses from the group, as it would
+ * have. Nothing else arriving on loopback is touched. */
+SEC("sk_lookup")
+int tw_steer(struct bpf_sk_lookup *ctx) {
+  if (ctx->protocol != IPPROTO_TCP) return SK_PASS;
+  __u32 key;
+  if (ctx->family == AF_INET) {
+    if (ctx->local_port != listener_port || (bpf_ntohl(ctx->local_ip4) >> 24) != 127) {
+      return SK_PASS;
+    }
+    key = TW_LISTENER_IPV4;
+  } else {
+    if ((ctx->local_ip6[0] | ctx->local_ip6[1] | ctx->local_ip6[2]) != 0 ||
+        ctx->local_ip6[3] != bpf_htonl(1) || !is_ipv6_listener_port(ctx->local_port)) {
+      return SK_PASS;
+    }
+    key = TW_LISTENER_IPV6;
+  }
+  struct bpf_sock *listener = bpf_map_lookup_elem(&listeners, &key);
+  if (!listener) return SK_PASS;
+  bpf_sk_assign(ctx, listener, 0);
+  bpf_sk_release(listener);
+  return SK_PASS;
 }
 
 SEC("tp_btf/sched_process_fork")

@@ -10,12 +10,16 @@
 #include <netinet/in.h>
 #include <sched.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <set>
+#include <unordered_map>
 
 #include "SelectionTesting.h"
 #include "host/selection/CandidateRules.h"
 #include "host/selection/CgroupRoot.h"
+#include "host/selection/ListenerAddresses.h"
 #include "identity/AuditToken.h"
 #include "platform/posix/Sockets.h"
 #include "platform/testing/CaseName.h"
@@ -29,15 +33,16 @@ constexpr const char* kLocal4 = "198.18.0.1";
 
 int shell(const std::string& command) { return std::system(command.c_str()); }
 
-UniqueFd listenOn(const std::string& host, std::uint16_t port, int type = SOCK_STREAM) {
+UniqueFd listenOn(const std::string& host, std::uint16_t port, int type = SOCK_STREAM,
+                  bool sharePort = false) {
   const SocketAddress address = *literalAddress(host, port);
   UniqueFd fd(::socket(address.family(), type | SOCK_CLOEXEC, 0));
   const int on = 1;
-  ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  ::setsockopt(fd.get(), SOL_SOCKET, sharePort ? SO_REUSEPORT : SO_REUSEADDR, &on, sizeof on);
   if (address.family() == AF_INET6)
     ::setsockopt(fd.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
   if (::bind(fd.get(), address.get(), address.length) != 0 ||
-      (type == SOCK_STREAM && ::listen(fd.get(), 16) != 0)) {
+      (type == SOCK_STREAM && ::listen(fd.get(), SOMAXCONN) != 0)) {
     fd.reset();
   }
   return fd;
@@ -73,14 +78,41 @@ std::vector<std::uint32_t> attachedAtRoot(bpf_attach_type type) {
   return ids;
 }
 
+// The programs attached to the calling thread's network namespace's socket lookup.
+std::vector<std::uint32_t> attachedToNetworkNamespace() {
+  const UniqueFd netns(::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
+  std::vector<std::uint32_t> ids(256);
+  __u32 count = static_cast<__u32>(ids.size());
+  if (bpf_prog_query(netns.get(), BPF_SK_LOOKUP, 0, nullptr, ids.data(), &count) != 0) count = 0;
+  ids.resize(count);
+  return ids;
+}
+
 bool anyAttached(const std::vector<std::uint32_t>& programs) {
+  std::vector<std::uint32_t> attached = attachedToNetworkNamespace();
   for (const bpf_attach_type type : {BPF_CGROUP_INET4_CONNECT, BPF_CGROUP_INET6_CONNECT,
                                      BPF_CGROUP_UDP4_SENDMSG, BPF_CGROUP_SOCK_OPS}) {
-    for (const std::uint32_t id : attachedAtRoot(type)) {
-      if (std::find(programs.begin(), programs.end(), id) != programs.end()) return true;
-    }
+    const auto ids = attachedAtRoot(type);
+    attached.insert(attached.end(), ids.begin(), ids.end());
+  }
+  for (const std::uint32_t id : attached) {
+    if (std::find(programs.begin(), programs.end(), id) != programs.end()) return true;
   }
   return false;
+}
+
+// A destination as the kernel judges it (v4-mapped as IPv4), as a record key's end has it.
+tw_address judgedDestination(const std::string& host, std::uint16_t port) {
+  const SocketAddress address = *literalAddress(host, port);
+  return connectionKeyFor(address, address)->client;
+}
+
+// The listener-side IPv4 address the kernel gives a connection to `destination` first.
+std::string listenerSideAddress(const std::string& destination, std::uint16_t port) {
+  const tw_address judged = judgedDestination(destination, port);
+  const std::uint32_t host = tw_loopback_host(tw_destination_hash(judged.addr, judged.port), 0);
+  return std::to_string(host >> 24) + "." + std::to_string(host >> 16 & 0xff) + "." +
+         std::to_string(host >> 8 & 0xff) + "." + std::to_string(host & 0xff);
 }
 
 class KernelSelectionTest : public ::testing::Test {
@@ -112,7 +144,11 @@ class KernelSelectionTest : public ::testing::Test {
 
   void load(KernelSelection::Config config) {
     selection_.reset();
-    config.listenerPort = portOfSocket(listener4_.get());
+    if (config.listener4 < 0) {
+      config.listenerPort = portOfSocket(listener4_.get());
+      config.listener4 = listener4_.get();
+      config.listener6 = listener6_.get();
+    }
     std::string whyNot;
     selection_ = KernelSelection::load(config, whyNot);
     if (!selection_) GTEST_SKIP() << "kernel-side selection cannot load here: " << whyNot;
@@ -124,12 +160,16 @@ class KernelSelectionTest : public ::testing::Test {
     selection_->pruneTo(paths, pids);
   }
 
-  // Takes the record of the next connection on the listener, and its first bytes.
-  std::optional<ConnectRecord> acceptRedirected(int listener, std::string* bytes = nullptr) {
+  // Takes the record of the next connection on the listener, and its first bytes; `arrival`
+  // gets the connection itself.
+  std::optional<ConnectRecord> acceptRedirected(int listener, std::string* bytes = nullptr,
+                                                Accepted* arrival = nullptr) {
     Accepted accepted = acceptWithin(listener);
     if (!accepted.fd) return std::nullopt;
     if (bytes) *bytes = receiveWithin(accepted.fd.get(), 2);
-    return selection_->takeConnectRecord(accepted.peer);
+    auto record = selection_->takeConnectRecord(accepted.peer, *localAddress(accepted.fd.get()));
+    if (arrival) *arrival = std::move(accepted);
+    return record;
   }
 
   // Drains events until `done` holds.
@@ -152,23 +192,35 @@ class KernelSelectionTest : public ::testing::Test {
 
 struct Destination {
   std::string name;
+  std::string how;
   std::string host;
   std::string recorded;  // the destination as the record gives it
   std::string peer;      // as getpeername() shows it to the program
-  bool ipv6Listener;
+  bool ipv6Listener;     // arrives at ::1, not over IPv4 at 127/8
 };
 
 class RedirectTest : public KernelSelectionTest,
                      public ::testing::WithParamInterface<Destination> {};
 
+// An IPv6 socket that is not IPv6-only reaches the listener over IPv4, at a listener-side
+// address of its destination's own; one that is IPv6-only at one of the ports on ::1.
 TEST_P(RedirectTest, SendsACandidatesConnectionToTheListenerAndRecordsItsOrigin) {
-  Probe probe(agent_, {"tcp", "connect", GetParam().host, "8080", "hold"});
+  Probe probe(agent_, {"tcp", GetParam().how, GetParam().host, "8080", "hold"});
   EXPECT_EQ(probe.expect("peer="), GetParam().peer);
   std::string bytes;
+  Accepted arrival;
   const auto record =
-      acceptRedirected((GetParam().ipv6Listener ? listener6_ : listener4_).get(), &bytes);
+      acceptRedirected((GetParam().ipv6Listener ? listener6_ : listener4_).get(), &bytes, &arrival);
   ASSERT_TRUE(record);
   EXPECT_EQ(bytes, "hi");
+  const SocketAddress local = *localAddress(arrival.fd.get());
+  if (GetParam().ipv6Listener) {
+    EXPECT_EQ(formatAddress(local).rfind("[::1]:", 0), 0u) << formatAddress(local);
+    EXPECT_NE(portOf(local), portOfSocket(listener6_.get()));
+  } else {
+    EXPECT_EQ(formatAddress(local), listenerSideAddress(GetParam().host, 8080) + ":" +
+                                        std::to_string(portOfSocket(listener4_.get())));
+  }
   EXPECT_EQ(formatAddress(record->destination), GetParam().recorded);
   EXPECT_EQ(record->process.pid, probe.pid());
   EXPECT_EQ(record->process.startTime, readProcessStat(probe.pid())->startTime);
@@ -182,11 +234,14 @@ TEST_P(RedirectTest, SendsACandidatesConnectionToTheListenerAndRecordsItsOrigin)
 
 INSTANTIATE_TEST_SUITE_P(
     Families, RedirectTest,
-    ::testing::Values(
-        Destination{"IPv4", "198.18.5.5", "198.18.5.5:8080", "198.18.5.5:8080", false},
-        Destination{"IPv6", "2001:db8:5::5", "[2001:db8:5::5]:8080", "[2001:db8:5::5]:8080", true},
-        Destination{"V4Mapped", "::ffff:198.18.5.5", "198.18.5.5:8080", "[::ffff:198.18.5.5]:8080",
-                    false}),
+    ::testing::Values(Destination{"IPv4", "connect", "198.18.5.5", "198.18.5.5:8080",
+                                  "198.18.5.5:8080", false},
+                      Destination{"IPv6", "connect", "2001:db8:5::5", "[2001:db8:5::5]:8080",
+                                  "[2001:db8:5::5]:8080", false},
+                      Destination{"IPv6Only", "v6only", "2001:db8:5::5", "[2001:db8:5::5]:8080",
+                                  "[2001:db8:5::5]:8080", true},
+                      Destination{"V4Mapped", "connect", "::ffff:198.18.5.5", "198.18.5.5:8080",
+                                  "[::ffff:198.18.5.5]:8080", false}),
     CaseName());
 
 struct ConnectWay {
@@ -215,6 +270,150 @@ INSTANTIATE_TEST_SUITE_P(Ways, ConnectWayTest,
                                            ConnectWay{"IoUring", "uring"},
                                            ConnectWay{"BoundToDevice", "device:tw0"}),
                          CaseName());
+
+constexpr const char* kSourcePort = "40123";
+
+// `count` ports from `first` on.
+std::vector<std::uint16_t> portsFrom(unsigned first, unsigned count) {
+  std::vector<std::uint16_t> ports;
+  for (unsigned port = first; port < first + count; ++port) ports.push_back(port);
+  return ports;
+}
+
+// Ports as the probe takes them, separated by commas.
+std::string listOf(const std::vector<std::uint16_t>& ports) {
+  std::string list;
+  for (const std::uint16_t port : ports) list += (list.empty() ? "" : ",") + std::to_string(port);
+  return list;
+}
+
+// Two ports of one host whose destinations share their first listener-side address.
+std::vector<std::uint16_t> collidingPorts(const std::string& host) {
+  std::unordered_map<std::string, std::uint16_t> seen;
+  for (std::uint16_t port = 1; port != 0; ++port) {
+    const auto [at, added] = seen.emplace(listenerSideAddress(host, port), port);
+    if (!added) return {at->second, port};
+  }
+  return {};
+}
+
+struct Reuse {
+  std::string name;
+  std::string kind;  // of the program's socket: ipv4, dual (IPv6, not IPv6-only), ipv6only
+  std::string host;
+  bool ipv6Listener;
+  std::string then;  // close: each one ends (TIME_WAIT) before the next; hold: all live at once
+  bool colliding = false;  // two destinations that share their first listener-side address
+};
+
+void PrintTo(const Reuse& reuse, std::ostream* out) { *out << reuse.name; }
+
+class ReuseTest : public KernelSelectionTest, public ::testing::WithParamInterface<Reuse> {};
+
+// A program that keeps one source port and connects to one destination after another gets a
+// connection each time, as it would without the interceptor: the previous one lingering in
+// TIME_WAIT, or still open, has another listener-side address (the next one, where two
+// destinations share the first). Each record is found by the pair of addresses, one source
+// port notwithstanding.
+TEST_P(ReuseTest, OneSourcePortReachesSeveralDestinations) {
+  const Reuse& reuse = GetParam();
+  const auto ports = reuse.colliding ? collidingPorts(reuse.host) : portsFrom(1001, 4);
+  ASSERT_FALSE(ports.empty());
+  Probe probe(agent_, {"reuse", reuse.kind, kSourcePort, reuse.host, listOf(ports), reuse.then});
+  std::set<std::string> arrivals;
+  // Held open: closing one with its bytes unread would reset it and free its tuple.
+  std::vector<Accepted> held;
+  for (const std::uint16_t port : ports) {
+    ASSERT_EQ(probe.expect("connected="), std::to_string(port))
+        << probe.expect("error").value_or("");
+    std::string bytes;
+    Accepted arrival;
+    const auto record =
+        acceptRedirected((reuse.ipv6Listener ? listener6_ : listener4_).get(), &bytes, &arrival);
+    ASSERT_TRUE(record);
+    EXPECT_EQ(bytes, "hi");
+    EXPECT_EQ(formatAddress(record->destination),
+              formatAddress(socketAddressFrom(judgedDestination(reuse.host, port))));
+    EXPECT_EQ(std::to_string(portOf(arrival.peer)), kSourcePort);
+    arrivals.insert(formatAddress(*localAddress(arrival.fd.get())));
+    if (reuse.then == "hold") {
+      held.push_back(std::move(arrival));
+    } else {
+      // The client ends first, so its side of the connection is the one left in TIME_WAIT.
+      EXPECT_EQ(receiveWithin(arrival.fd.get(), 1), "");
+    }
+  }
+  EXPECT_EQ(arrivals.size(), ports.size());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Sockets, ReuseTest,
+    ::testing::Values(Reuse{"IPv4InTurn", "ipv4", "198.18.5.5", false, "close"},
+                      Reuse{"IPv4AtOnce", "ipv4", "198.18.5.5", false, "hold"},
+                      Reuse{"IPv4SharingAnAddress", "ipv4", "198.18.5.5", false, "hold", true},
+                      Reuse{"DualStackInTurn", "dual", "2001:db8:5::5", false, "close"},
+                      Reuse{"DualStackAtOnce", "dual", "2001:db8:5::5", false, "hold"},
+                      Reuse{"V4MappedInTurn", "dual", "::ffff:198.18.5.5", false, "close"},
+                      Reuse{"IPv6OnlyInTurn", "ipv6only", "2001:db8:5::5", true, "close"},
+                      Reuse{"IPv6OnlyAtOnce", "ipv6only", "2001:db8:5::5", true, "hold"}),
+    CaseName());
+
+// Where the line is: an IPv6-only socket's connections from one source port share the ports
+// reserved on ::1, so the one after as many as there are, all still open, is refused.
+TEST_F(KernelSelectionTest, AnIpv6OnlySourcePortHasAsManyConnectionsAsReservedPorts) {
+  const std::string ports = listOf(portsFrom(2000, TW_IPV6_PORTS + 1));
+  Probe probe(agent_, {"reuse", "ipv6only", kSourcePort, "2001:db8:5::5", ports, "hold"});
+  for (unsigned i = 0; i < TW_IPV6_PORTS; ++i) {
+    ASSERT_EQ(probe.expect("connected="), std::to_string(2000 + i));
+  }
+  const auto error = probe.expect("error");
+  ASSERT_TRUE(error);
+  EXPECT_NE(error->find(std::strerror(EADDRNOTAVAIL)), std::string::npos) << *error;
+}
+
+// Steered to one listener of a group that shares its port, connections are still spread over
+// the group, as the kernel spreads what arrives at the port itself.
+TEST_F(KernelSelectionTest, ListenersSharingThePortEachGetTheirShare) {
+  const UniqueFd first = listenOn("127.0.0.1", 0, SOCK_STREAM, true);
+  const std::uint16_t port = portOfSocket(first.get());
+  const UniqueFd second = listenOn("127.0.0.1", port, SOCK_STREAM, true);
+  ASSERT_TRUE(first && second);
+  KernelSelection::Config config;
+  config.listenerPort = port;
+  config.listener4 = first.get();
+  load(config);
+  constexpr int kConnections = 24;
+  Probe probe(agent_,
+              {"reuse", "ipv4", "0", "198.18.5.5", listOf(portsFrom(3000, kConnections)), "hold"});
+  int counts[2] = {0, 0};
+  for (int total = 0; total < kConnections;) {
+    pollfd ready[2] = {{first.get(), POLLIN, 0}, {second.get(), POLLIN, 0}};
+    if (::poll(ready, 2, kWaitMs) <= 0) break;
+    for (int i = 0; i < 2; ++i) {
+      if ((ready[i].revents & POLLIN) && acceptWithin(ready[i].fd, 0).fd) ++counts[i], ++total;
+    }
+  }
+  EXPECT_EQ(counts[0] + counts[1], kConnections);
+  EXPECT_GT(counts[0], 0);
+  EXPECT_GT(counts[1], 0);
+}
+
+// A program that dials a listener-side address itself reaches the listener, with no record: the
+// host resets such a connection. The same address at another port is left alone.
+TEST_F(KernelSelectionTest, ADirectConnectionToAListenerSideAddressHasNoRecord) {
+  const std::string listenerPort = std::to_string(portOfSocket(listener4_.get()));
+  Probe direct(plain_, {"tcp", "connect", "127.5.6.7", listenerPort, "hold"});
+  EXPECT_EQ(direct.expect("peer="), "127.5.6.7:" + listenerPort);
+  Accepted arrival;
+  EXPECT_FALSE(acceptRedirected(listener4_.get(), nullptr, &arrival));
+  ASSERT_TRUE(arrival.fd);
+  EXPECT_EQ(formatAddress(*localAddress(arrival.fd.get())), "127.5.6.7:" + listenerPort);
+  const UniqueFd other = listenOn("0.0.0.0", 0);
+  const std::string otherPort = std::to_string(portOfSocket(other.get()));
+  Probe elsewhere(plain_, {"tcp", "connect", "127.5.6.7", otherPort, "hold"});
+  EXPECT_EQ(elsewhere.expect("peer="), "127.5.6.7:" + otherPort);
+  EXPECT_TRUE(acceptWithin(other.get()).fd);
+}
 
 TEST_F(KernelSelectionTest, LeavesOtherProgramsAndExcludedDestinationsAlone) {
   const UniqueFd server = listenOn(kLocal4, 0);
@@ -345,17 +544,17 @@ TEST_F(KernelSelectionTest, BlockingQuicRefusesOnlyCandidatesUdpToPort443) {
 
 TEST_F(KernelSelectionTest, ClosingDetachesEveryProgram) {
   const auto programs = linkedProgramIDs(::getpid());
-  ASSERT_EQ(programs.size(), 10u);
+  ASSERT_EQ(programs.size(), 11u);
   EXPECT_TRUE(anyAttached(programs));
   selection_.reset();
   EXPECT_FALSE(anyAttached(programs));
 }
 
 TEST_F(KernelSelectionTest, AKilledLoaderLeavesNothingAttached) {
-  Probe loader(TW_SELECTION_PROBE, {"select", std::to_string(portOfSocket(listener4_.get()))});
+  Probe loader(TW_SELECTION_PROBE, {"select"});
   ASSERT_EQ(loader.expect("selecting"), "");
   const auto programs = linkedProgramIDs(loader.pid());
-  ASSERT_EQ(programs.size(), 10u);
+  ASSERT_EQ(programs.size(), 11u);
   EXPECT_TRUE(anyAttached(programs));
   ::kill(loader.pid(), SIGKILL);
   ASSERT_TRUE(loader.waitForExit());

@@ -2,14 +2,17 @@
 // current; no privileges needed.
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <set>
 
 #include "host/selection/IpPrefix.h"
+#include "host/selection/ListenerAddresses.h"
 #include "host/selection/SelectedProcess.h"
 #include "host/selection/SelectionRecords.h"
 #include "host/selection/WatchedExecutables.h"
@@ -67,17 +70,55 @@ TEST(ExcludedPrefixesTest, KeepsPlainNetworksAndNamesTheRest) {
   EXPECT_NE(error.find("192.168.0.0"), std::string::npos);
 }
 
-// The listener sees a v4-mapped client as IPv4; the kernel files its record the same way.
-TEST(ConnectionKeyTest, AV4MappedClientIsFiledAsIpv4) {
-  const auto mapped = connectionKeyFor(*literalAddress("::ffff:127.0.0.1", 40000));
-  const auto plain = connectionKeyFor(*literalAddress("127.0.0.1", 40000));
+// The listener sees a v4-mapped client as IPv4; the kernel files its record the same way. Both
+// ends make the key: one client port may have several connections to other listener-side
+// addresses.
+TEST(ConnectionKeyTest, IsBothEndsWithV4MappedAsIpv4) {
+  const auto listener = *literalAddress("127.9.8.7", 9000);
+  const auto mapped = connectionKeyFor(*literalAddress("::ffff:127.0.0.1", 40000), listener);
+  const auto plain = connectionKeyFor(*literalAddress("127.0.0.1", 40000),
+                                      *literalAddress("::ffff:127.9.8.7", 9000));
   ASSERT_TRUE(mapped && plain);
-  EXPECT_EQ(std::memcmp(&*mapped, &*plain, sizeof(tw_address)), 0);
-  const auto v6 = connectionKeyFor(*literalAddress("::1", 40000));
-  EXPECT_EQ(v6->family, AF_INET6);
-  EXPECT_EQ(formatAddress(socketAddressFrom(*mapped)), "127.0.0.1:40000");
-  EXPECT_EQ(formatAddress(socketAddressFrom(*v6)), "[::1]:40000");
-  EXPECT_FALSE(connectionKeyFor(SocketAddress{}));
+  EXPECT_EQ(std::memcmp(&*mapped, &*plain, sizeof(tw_connection_key)), 0);
+  const auto elsewhere =
+      connectionKeyFor(*literalAddress("127.0.0.1", 40000), *literalAddress("127.9.8.6", 9000));
+  EXPECT_NE(std::memcmp(&*mapped, &*elsewhere, sizeof(tw_connection_key)), 0);
+  const auto v6 = connectionKeyFor(*literalAddress("::1", 40000), *literalAddress("::1", 9001));
+  EXPECT_EQ(v6->client.family, AF_INET6);
+  EXPECT_EQ(formatAddress(socketAddressFrom(mapped->client)), "127.0.0.1:40000");
+  EXPECT_EQ(formatAddress(socketAddressFrom(mapped->listener)), "127.9.8.7:9000");
+  EXPECT_EQ(formatAddress(socketAddressFrom(v6->listener)), "[::1]:9001");
+  EXPECT_FALSE(connectionKeyFor(SocketAddress{}, listener));
+  EXPECT_FALSE(connectionKeyFor(listener, SocketAddress{}));
+}
+
+// Listener-side IPv4 addresses stay inside 127/8 and off its network, 127.0.0.1 and broadcast
+// addresses, whatever the hash; nearby destinations get addresses far apart, and a second try
+// always moves to another address.
+TEST(ListenerAddressesTest, StayOnUsableLoopbackAddresses) {
+  for (const std::uint32_t hash :
+       {0u, 1u, TW_LOOPBACK_HOSTS - 1, TW_LOOPBACK_HOSTS, TW_LOOPBACK_HOSTS + 1, 0xffffffffu}) {
+    for (std::uint32_t attempt = 0; attempt < TW_LOOPBACK_ATTEMPTS; ++attempt) {
+      const std::uint32_t host = tw_loopback_host(hash, attempt);
+      EXPECT_EQ(host >> 24, 127u);
+      EXPECT_GT(host, 0x7f000001u);
+      EXPECT_LT(host, 0x7fffffffu);
+      if (attempt > 0) {
+        EXPECT_NE(host, tw_loopback_host(hash, attempt - 1));
+      }
+    }
+  }
+  std::set<std::uint32_t> hosts;
+  std::set<std::uint32_t> portIndexes;
+  const std::uint8_t address[16] = {198, 18, 5, 5};
+  for (std::uint16_t port = 1; port <= 1000; ++port) {
+    const std::uint32_t hash = tw_destination_hash(address, htons(port));
+    hosts.insert(tw_loopback_host(hash, 0));
+    portIndexes.insert(tw_ipv6_port_index(hash, 0, TW_IPV6_PORTS));
+    EXPECT_LT(tw_ipv6_port_index(hash, TW_IPV6_PORTS - 1, TW_IPV6_PORTS), TW_IPV6_PORTS);
+  }
+  EXPECT_EQ(hosts.size(), 1000u);
+  EXPECT_EQ(portIndexes.size(), TW_IPV6_PORTS);
 }
 
 TEST(ExecutableKeyTest, EncodesTheDeviceAsTheKernelDoes) {

@@ -3,17 +3,25 @@
 // starting with its PID.
 //
 //   tcp HOW HOST PORT THEN   connect as HOW (connect, fastopen, fastopen-connect, uring,
-//                            device:NAME), report "peer=ADDRESS" as getpeername() shows it,
-//                            send "hi", then hold the connection until stdin ends (THEN=hold)
-//                            or exit at once (THEN=exit)
+//                            device:NAME, v6only), report "peer=ADDRESS" as getpeername()
+//                            shows it, send "hi", then hold the connection until stdin ends
+//                            (THEN=hold) or exit at once (THEN=exit)
+//   reuse KIND SOURCE HOST PORTS THEN
+//                            connect from source port SOURCE (0: any) to HOST at each of the
+//                            comma-separated PORTS in turn, from a socket of KIND (ipv4, dual:
+//                            IPv6 but not IPv6-only, ipv6only), report "connected=PORT" and send
+//                            "hi"; THEN=close ends each connection first (a half-close, the
+//                            server's end, then close, so it lingers in TIME_WAIT), THEN=hold
+//                            keeps them all until stdin ends
 //   udp HOST PORT COUNT      send COUNT datagrams from one socket; report "sent=N error=ERRNO"
 //   fork CHILD... -- PARENT...  fork: the child runs CHILD, the parent reports "child=PID" and
 //                            runs PARENT (or waits for the child when PARENT is empty)
 //   line ACTION...           wait for one line on stdin, then run ACTION
 //   exec PATH ACTION...      run PATH with ACTION as its arguments
 //   pause                    report "paused", then wait to be killed
-//   select PORT              load kernel-side selection for listener port PORT, report
-//                            "selecting" (or "unavailable REASON"), then wait to be killed
+//   select                   listen on 127.0.0.1 and ::1, load kernel-side selection for those
+//                            listeners, report "selecting" (or "unavailable REASON"), then wait
+//                            to be killed
 
 #include <arpa/inet.h>
 #include <net/if.h>
@@ -24,6 +32,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -107,6 +116,8 @@ bool connectAs(const std::string& how, int fd, const addrinfo* to, bool& sent) {
     setsockopt(fd, IPPROTO_TCP, TCP_FASTOPEN_CONNECT, &on, sizeof on);
   } else if (how == "uring") {
     return uringConnect(fd, to) == 0;
+  } else if (how == "v6only") {
+    setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
   } else if (how.starts_with("device:")) {
     const std::string device = how.substr(7);
     if (setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, device.c_str(), device.size()) != 0) {
@@ -130,6 +141,63 @@ void tcp(const Args& args) {
   if (args[4] == "exit") std::exit(0);
   char buffer[64];
   while (read(STDIN_FILENO, buffer, sizeof buffer) > 0) {
+  }
+}
+
+std::vector<std::string> listOf(const std::string& text) {
+  std::vector<std::string> items;
+  for (std::size_t start = 0; start <= text.size();) {
+    const std::size_t comma = std::min(text.find(',', start), text.size());
+    items.push_back(text.substr(start, comma - start));
+    start = comma + 1;
+  }
+  return items;
+}
+
+// A TCP socket of `kind`, bound to port `source` with address reuse, as a program that keeps its
+// source port does.
+int boundSocket(const std::string& kind, int source) {
+  const int on = 1, off = 0;
+  const bool ipv4 = kind == "ipv4";
+  const int fd = socket(ipv4 ? AF_INET : AF_INET6, SOCK_STREAM, 0);
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  if (!ipv4) {
+    setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, kind == "ipv6only" ? &on : &off, sizeof on);
+  }
+  sockaddr_storage address{};
+  socklen_t length = sizeof(sockaddr_in);
+  if (ipv4) {
+    auto* ip = reinterpret_cast<sockaddr_in*>(&address);
+    ip->sin_family = AF_INET;
+    ip->sin_port = htons(static_cast<std::uint16_t>(source));
+  } else {
+    auto* ip = reinterpret_cast<sockaddr_in6*>(&address);
+    ip->sin6_family = AF_INET6;
+    ip->sin6_port = htons(static_cast<std::uint16_t>(source));
+    length = sizeof(sockaddr_in6);
+  }
+  if (source != 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0) fail("bind");
+  return fd;
+}
+
+void reuse(const Args& args) {
+  if (args.size() != 6) fail("usage: reuse KIND SOURCE HOST PORTS THEN");
+  const bool hold = args[5] == "hold";
+  for (const std::string& port : listOf(args[4])) {
+    const int fd = boundSocket(args[1], std::atoi(args[2].c_str()));
+    const Address to = resolve(args[3], port, SOCK_STREAM);
+    if (connect(fd, to->ai_addr, to->ai_addrlen) != 0) fail("connect to port " + port);
+    report("connected=" + port);
+    if (send(fd, "hi", 2, MSG_NOSIGNAL) != 2) fail("send");
+    if (hold) continue;
+    shutdown(fd, SHUT_WR);
+    char buffer[64];
+    while (read(fd, buffer, sizeof buffer) > 0) {
+    }
+    close(fd);
+  }
+  char buffer[64];
+  while (hold && read(STDIN_FILENO, buffer, sizeof buffer) > 0) {
   }
 }
 
@@ -186,9 +254,26 @@ void execute(const Args& args) {
   fail("exec " + args[1]);
 }
 
-void select(const Args& args) {
+// A socket listening on `host` at `port` (0: any); its port goes to `port`.
+int listening(const char* host, std::uint16_t& port) {
+  const Address at = resolve(host, std::to_string(port), SOCK_STREAM);
+  const int fd = socket(at->ai_family, SOCK_STREAM, 0);
+  const int on = 1;
+  if (at->ai_family == AF_INET6) setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+  sockaddr_storage bound{};
+  socklen_t length = sizeof bound;
+  if (bind(fd, at->ai_addr, at->ai_addrlen) != 0 || listen(fd, 16) != 0 ||
+      getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &length) != 0) {
+    fail(std::string("listen on ") + host);
+  }
+  port = ntohs(reinterpret_cast<sockaddr_in*>(&bound)->sin_port);
+  return fd;
+}
+
+void select(const Args&) {
   tarnwick::host::KernelSelection::Config config;
-  config.listenerPort = static_cast<std::uint16_t>(std::atoi(args.at(1).c_str()));
+  config.listener4 = listening("127.0.0.1", config.listenerPort);
+  config.listener6 = listening("::1", config.listenerPort);
   std::string whyNot;
   const auto selection = tarnwick::host::KernelSelection::load(config, whyNot);
   report(selection ? "selecting" : "unavailable " + whyNot);
@@ -199,6 +284,7 @@ void run(const Args& args) {
   if (args.empty()) return;
   const std::string& action = args[0];
   if (action == "tcp") return tcp(args);
+  if (action == "reuse") return reuse(args);
   if (action == "udp") return udp(args);
   if (action == "fork") return forkThen(args);
   if (action == "line") return waitForLine(args);
