@@ -1,0 +1,112 @@
+#include "LoadServer.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <chrono>
+
+namespace tarnwick::e2e {
+namespace {
+
+// How long one connection may take; the tests' own deadlines are shorter.
+constexpr std::int64_t kPatienceMs = 600'000;
+
+bool receiveHeader(int fd, LoadHeader& header, std::int64_t deadline) {
+  pollfd poller{fd, POLLIN, 0};
+  const auto left = static_cast<int>(std::max<std::int64_t>(0, deadline - monotonicMs()));
+  if (::poll(&poller, 1, left) <= 0) return false;
+  return ::recv(fd, &header, sizeof header, MSG_WAITALL) == sizeof header &&
+         header.magic == LoadHeader::kMagic;
+}
+
+// The one byte a server-resets client sends to ask for the reset.
+bool awaitByte(int fd, std::int64_t deadline) {
+  pollfd poller{fd, POLLIN, 0};
+  const auto left = static_cast<int>(std::max<std::int64_t>(0, deadline - monotonicMs()));
+  char byte = 0;
+  return ::poll(&poller, 1, left) > 0 && ::recv(fd, &byte, 1, 0) == 1;
+}
+
+}  // namespace
+
+LoadServer::LoadServer(const std::string& netns) : LoadServer(netns, Opening{}) {}
+
+LoadServer::LoadServer(const std::string& netns, Opening opening)
+    : opening_(opening), server_(netns, [this](int fd) { serve(fd); }) {}
+
+std::map<std::uint64_t, LoadServer::Visits> LoadServer::visits() const {
+  std::lock_guard lock(mutex_);
+  return visits_;
+}
+
+void LoadServer::openGate() {
+  {
+    std::lock_guard lock(mutex_);
+    gate_open_ = true;
+  }
+  gate_opened_.notify_all();
+}
+
+bool LoadServer::awaitGate(std::int64_t deadline) {
+  std::unique_lock lock(mutex_);
+  return gate_opened_.wait_for(lock, std::chrono::milliseconds(deadline - monotonicMs()),
+                               [&] { return gate_open_; });
+}
+
+void LoadServer::serve(int fd) {
+  const std::int64_t deadline = monotonicMs() + kPatienceMs;
+  const PumpPlan greeting{.sendStream = kGreetingStream, .send = opening_.greeting};
+  if (!pump(fd, greeting, deadline).complete(greeting) || opening_.closeAfterGreeting) return;
+  LoadHeader header;
+  if (!receiveHeader(fd, header, deadline)) return;
+  {
+    std::lock_guard lock(mutex_);
+    ++visits_[header.id].connections;
+  }
+  converse(fd, header, deadline);
+}
+
+void LoadServer::noteUpload(std::uint64_t id, const PumpPlan& plan, const PumpResult& result) {
+  std::lock_guard lock(mutex_);
+  Visits& visits = visits_[id];
+  if (result.received == plan.receive && !result.mismatchAt) {
+    ++visits.wholeUploads;
+  } else {
+    visits.problems.push_back(result.outcome(plan) + ": " + std::to_string(result.received) +
+                              " of " + std::to_string(plan.receive) + " bytes uploaded");
+  }
+}
+
+// Each script's answer, as LoadProtocol.h describes it.
+void LoadServer::converse(int fd, const LoadHeader& header, std::int64_t deadline) {
+  const Script script = header.script;
+  const bool held = script == Script::Held || script == Script::HeldAfterAnswering;
+  std::uint64_t answerFirst = header.down;
+  if (held) answerFirst = script == Script::Held ? 0 : std::min(header.down, kHeldAnswerBytes);
+  if (script == Script::ClientEndsFirst || script == Script::ClientResets) answerFirst = 0;
+  const PumpPlan plan{
+      .sendStream = answerStream(header.id),
+      .send = answerFirst,
+      .endAfterSending = script == Script::ServerEndsFirst,
+      .receiveStream = uploadStream(header.id),
+      .receive = header.up,
+      .readToEnd = script == Script::ServerEndsFirst || script == Script::ClientEndsFirst};
+  noteUpload(header.id, plan, pump(fd, plan, deadline));
+  if (answerFirst < header.down && (!held || awaitGate(deadline))) {
+    const PumpPlan rest{.sendStream = answerStream(header.id),
+                        .sendFrom = answerFirst,
+                        .send = header.down - answerFirst};
+    pump(fd, rest, deadline);
+  }
+  if (script == Script::ServerResets) {
+    if (awaitByte(fd, deadline)) resetOnClose(fd);
+  } else if (script == Script::ClientResets) {
+    const PumpPlan end{.readToEnd = true};
+    const PumpResult result = pump(fd, end, deadline);
+    std::lock_guard lock(mutex_);
+    visits_[header.id].ending = result.ended ? "end" : result.outcome(end);
+  }
+}
+
+}  // namespace tarnwick::e2e
