@@ -1,0 +1,203 @@
+// Conversations that are not a plain request and answer, a front door that dies mid-transfer, and
+// destinations that refuse, swallow or drop connections: every watched program still gets exactly
+// its bytes, or a visible cut, never wrong bytes, and the circuit stays about the front door.
+
+#include <csignal>
+#include <set>
+
+#include "LoadTest.h"
+
+namespace tarnwick::e2e {
+namespace {
+
+constexpr std::uint64_t kBanner = 64 * 1024;
+constexpr std::uint64_t kGreeting = 1000;
+
+struct Conversation {
+  const char* name;
+  const char* script;
+  LoadServer::Opening opening;
+  const char* up;
+  const char* down;      // at least one byte: a destination that ends without a word looks just
+                         // like a front door dropping the tunnel, and is failed over
+  const char* outcome;   // what every client sees
+  const char* worldSaw;  // how the world saw the client's stream end, when it is checked
+  bool requests = true;  // whether the client sends a request at all
+};
+
+void PrintTo(const Conversation& conversation, std::ostream* out) { *out << conversation.name; }
+
+class ConversationTest : public LoadTest, public ::testing::WithParamInterface<Conversation> {};
+
+// Each case runs its connections at once, all relayed through the front door, none failed open.
+TEST_P(ConversationTest, IsCarriedExactlyThroughTheFrontDoor) {
+  const Conversation& conversation = GetParam();
+  world_ = std::make_unique<LoadServer>(lab_.world, conversation.opening);
+  ASSERT_NO_FATAL_FAILURE(startRelaying());
+  const std::uint64_t count = size_.conversations;
+  const auto run = runLoad({.script = conversation.script,
+                            .count = count,
+                            .up = conversation.up,
+                            .down = conversation.down,
+                            .banner = conversation.opening.greeting});
+  EXPECT_EQ(run.outcomes, all(count, conversation.outcome)) << run.output;
+  if (conversation.requests) {
+    expectVisits(1, count);
+  } else {
+    EXPECT_EQ(world_->accepted(), static_cast<int>(count)) << "each dialled once";
+  }
+  if (*conversation.worldSaw) {
+    const auto visits = world_->visits();
+    const auto other = std::find_if(visits.begin(), visits.end(), [&](const auto& seen) {
+      return seen.second.ending != conversation.worldSaw;
+    });
+    EXPECT_TRUE(other == visits.end())
+        << "id " << other->first << ": the world saw " << other->second.ending;
+  }
+  const auto status = settledStatus();
+  EXPECT_EQ(status["relayed"], count) << status.dump();
+  EXPECT_EQ(status["failedOpen"], Json::object()) << status.dump();
+  EXPECT_EQ(frontDoorLines(count).size(), count);
+}
+
+const Conversation kConversations[] = {
+    // The destination speaks first, and its first bytes share a read with the front door's
+    // acknowledgement.
+    {"ServerFirstBanner", "exchange", {.greeting = kBanner}, "1-4096", "1-4096", "exact", ""},
+    {"GreetsAndCloses",
+     "greeting",
+     {.greeting = kGreeting, .closeAfterGreeting = true},
+     "0",
+     "0",
+     "exact",
+     "",
+     false},
+    {"ClientEndsFirst", "client-ends-first", {}, "0-300000", "1-300000", "exact", ""},
+    {"DestinationEndsFirstWhileTheClientSends",
+     "server-ends-first",
+     {},
+     "200000-400000",
+     "1-2000",
+     "exact",
+     ""},
+    {"ClientResets", "client-resets", {}, "1-4096", "1-4096", "exact", "reset"},
+    {"DestinationResets", "server-resets", {}, "1-4096", "1-4096", "reset", ""},
+};
+
+INSTANTIATE_TEST_SUITE_P(Cases, ConversationTest, ::testing::ValuesIn(kConversations),
+                         [](const auto& param) { return param.param.name; });
+
+// The ids [first, first + count) that reached the world `connections` times with whole uploads.
+std::size_t arrived(const LoadServer& world, std::uint64_t first, std::uint64_t count,
+                    int connections) {
+  const auto visits = world.visits();
+  return static_cast<std::size_t>(
+      std::count_if(visits.begin(), visits.end(), [&](const auto& seen) {
+        return seen.first >= first && seen.first < first + count &&
+               seen.second.connections == connections && seen.second.wholeUploads == connections;
+      }));
+}
+
+// Killed with transfers open, the front door leaves two kinds behind: those whose destination
+// had not answered yet fail over to it directly and complete exactly (their request then
+// reached it twice, once through the front door and once replayed); those already answered are
+// cut, visibly. Dials while it is gone fail open exactly, and once it is back and the circuit
+// allows, flows are relayed again.
+TEST_F(LoadTest, FrontDoorKilledMidTransfersFailsOpenExactly) {
+  ASSERT_NO_FATAL_FAILURE(startRelaying());
+  const std::uint64_t half = std::max<std::uint64_t>(1, size_.killed / 2);
+  // Uploads fit the replay buffer, so nothing stands in the way of a failover.
+  auto unanswered =
+      spawnLoad({.script = "held", .count = half, .up = "1-65536", .down = "1-200000"});
+  auto answered = spawnLoad({.script = "held-after-answering",
+                             .count = half,
+                             .firstId = half + 1,
+                             .up = "1-65536",
+                             .down = "2048-200000"});
+  ASSERT_TRUE(eventually([&] { return arrived(*world_, 1, 2 * half, 1) == 2 * half; }, 30s));
+  ASSERT_TRUE(eventually([&] {
+    return status().value("bytesToAgents", std::uint64_t{0}) >= half * kHeldAnswerBytes;
+  })) << "the answered ones have their first bytes";
+
+  frontDoor_->signal(SIGKILL);
+  ASSERT_TRUE(frontDoor_->wait(5s));
+  ASSERT_TRUE(eventually([&] { return arrived(*world_, 1, half, 2) == half; }, 20s))
+      << "every unanswered request is replayed to its destination";
+  world_->openGate();
+  const auto failedOver = finishLoad(*unanswered, 60);
+  EXPECT_EQ(failedOver.outcomes, all(half)) << failedOver.output;
+  const auto cut = finishLoad(*answered, 60);
+  for (const auto& [outcome, count] : cut.outcomes.items()) {
+    EXPECT_TRUE(outcome == "reset" || outcome == "short") << cut.output;
+  }
+
+  constexpr std::uint64_t kWhileGone = 3;
+  const auto direct =
+      runLoad({.count = kWhileGone, .firstId = 2 * half + 1, .up = "1-100000", .down = "1-100000"});
+  EXPECT_EQ(direct.outcomes, all(kWhileGone)) << direct.output;
+  expectVisits(2 * half + 1, kWhileGone);
+
+  ASSERT_NO_FATAL_FAILURE(startMarkedFrontDoor());
+  // Those dials opened the circuit: it lets a flow try the front door again only after its
+  // one-minute cool-down, which the soak run waits out.
+  if (!size_.awaitCooldown) return;
+  std::uint64_t nextId = 2 * half + kWhileGone + 1;
+  const auto relayed = [&] { return status().value("relayed", std::uint64_t{0}); };
+  const std::uint64_t before = relayed();
+  const bool again = eventually(
+      [&] {
+        const auto run = runLoad({.firstId = nextId++, .up = "1-1000", .down = "1-1000"});
+        EXPECT_EQ(run.outcomes, all(1)) << run.output;
+        if (relayed() > before) return true;
+        std::this_thread::sleep_for(1s);  // one flow a second while the circuit stays open
+        return false;
+      },
+      90s);
+  EXPECT_TRUE(again) << status().dump();
+  EXPECT_EQ(status()["circuit"], "closed");
+}
+
+// A watched program dialling dead destinations as fast as it can must not switch inspection off:
+// the front door answers for each of them, so none counts against it.
+TEST_F(LoadTest, DeadDestinationsNeverOpenTheCircuit) {
+  ASSERT_NO_FATAL_FAILURE(startRelaying());
+  constexpr std::uint16_t kRefused = 9;      // nothing listens there
+  constexpr std::uint16_t kBlackholed = 10;  // the world drops its SYNs
+  std::string output;
+  ASSERT_EQ(shell("ip netns exec " + lab_.world +
+                      " nft 'add table inet tw_e2e_blackhole; add chain inet tw_e2e_blackhole in "
+                      "{ type filter hook input priority 0; }; add rule inet tw_e2e_blackhole in "
+                      "tcp dport " +
+                      std::to_string(kBlackholed) + " drop'",
+                  &output),
+            0)
+      << output;
+  LoadServer closing(lab_.world, {.closeAfterGreeting = true});
+  const std::uint64_t count = size_.deadDestinations;
+  std::vector<std::unique_ptr<Process>> dials;
+  // Held past the 2.5 s handshake budget, so that a blackholed dial runs it out.
+  for (const std::uint16_t port : {kRefused, kBlackholed, closing.port()}) {
+    dials.push_back(spawnLoad({.script = "probe",
+                               .port = port,
+                               .count = count,
+                               .firstId = dials.size() * count + 1,
+                               .deadlineSeconds = 4}));
+  }
+  // The blackholed ones are still being dialled directly (a direct dial sets no timer of its
+  // own), so the interceptor is not idle yet; the front door has answered for all of them.
+  for (auto& dial : dials) EXPECT_TRUE(finishLoad(*dial, 4).outcomes.is_object());
+  const auto after = status();
+  EXPECT_EQ(after["circuit"], "closed") << after.dump();
+  EXPECT_FALSE(after["failedOpen"].contains("circuit-open")) << after.dump();
+
+  const auto run =
+      runLoad({.count = 3, .firstId = 3 * count + 1, .up = "1-1000", .down = "1-1000"});
+  EXPECT_EQ(run.outcomes, all(3)) << run.output;
+  expectVisits(3 * count + 1, 3);
+  const auto later = status();
+  EXPECT_EQ(later["relayed"], after["relayed"].get<std::uint64_t>() + 3) << later.dump();
+  EXPECT_EQ(later["failedOpen"], after["failedOpen"]) << later.dump();
+}
+
+}  // namespace
+}  // namespace tarnwick::e2e
