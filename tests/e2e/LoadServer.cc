@@ -40,6 +40,22 @@ std::map<std::uint64_t, LoadServer::Visits> LoadServer::visits() const {
   return visits_;
 }
 
+std::vector<std::string> LoadServer::unlikeVisits(std::uint64_t first, std::uint64_t count,
+                                                  int connections) const {
+  std::vector<std::string> unlike;
+  std::lock_guard lock(mutex_);
+  for (std::uint64_t id = first; id < first + count; ++id) {
+    const auto found = visits_.find(id);
+    const Visits seen = found == visits_.end() ? Visits{} : found->second;
+    if (seen.connections == connections && seen.wholeUploads == connections) continue;
+    unlike.push_back("id " + std::to_string(id) + " reached it " +
+                     std::to_string(seen.connections) + " times, " +
+                     std::to_string(seen.wholeUploads) + " whole" +
+                     (seen.problems.empty() ? "" : "; " + seen.problems.front()));
+  }
+  return unlike;
+}
+
 void LoadServer::openGate() {
   {
     std::lock_guard lock(mutex_);

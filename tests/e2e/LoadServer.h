@@ -39,6 +39,10 @@ class LoadServer {
   std::uint16_t port() const { return server_.port(); }
   int accepted() const { return server_.accepted(); }
   std::map<std::uint64_t, Visits> visits() const;
+  // The ids from `first` on, `count` of them, that have not reached the server exactly
+  // `connections` times with a whole upload each time, each said in a few words.
+  std::vector<std::string> unlikeVisits(std::uint64_t first, std::uint64_t count,
+                                        int connections) const;
   // Lets every held connection answer, now and from now on.
   void openGate();
 
