@@ -143,6 +143,12 @@ class LoadTest : public EndToEndTest {
   LoadResult runLoad(const LoadRun& run) {
     return finishLoad(*spawnLoad(run), run.deadlineSeconds);
   }
+  // How many connections a run's outcomes tell of.
+  static std::uint64_t total(const Json& outcomes) {
+    std::uint64_t sum = 0;
+    for (const auto& [outcome, count] : outcomes.items()) sum += count.get<std::uint64_t>();
+    return sum;
+  }
   // Outcomes of a run in which all `count` connections are to end as `outcome`.
   static Json all(std::uint64_t count, const char* outcome = "exact") {
     return Json{{outcome, count}};

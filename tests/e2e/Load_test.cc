@@ -134,8 +134,10 @@ TEST_F(LoadTest, DescriptorsAndMemoryReturnToTheirBaseline) {
   });
   EXPECT_TRUE(back) << "descriptors before " << Json(baseline).dump() << ", after "
                     << Json(after).dump();
-  if (kSanitized) return;
   const std::size_t afterKiB = interceptorResidentKiB();
+  std::cout << "descriptors before " << Json(baseline).dump() << ", after " << Json(after).dump()
+            << "; resident KiB before " << baselineKiB << ", after " << afterKiB << "\n";
+  if (kSanitized) return;
   EXPECT_LE(afterKiB, baselineKiB + std::max<std::size_t>(baselineKiB / 4, 16 * 1024))
       << "resident KiB before " << baselineKiB << ", after " << afterKiB;
 }
