@@ -1,23 +1,32 @@
 #!/usr/bin/env bash
-# Macro benchmark: the same load over five paths between an agent host and a world host (two
+# Macro benchmark: the same load over several paths between an agent host and a world host (two
 # private network namespaces joined by a veth pair, 198.18.0.1 and 198.18.0.2), in one run, as one
 # table with ratios to the direct path.
-#   direct     no interceptor
-#   handback   interceptor running, the load generator not watched: handed back
-#   relayed    interceptor watching the load generator: relayed through tarnwick-frontdoor
+#   direct        no interceptor
+#   handback      interceptor running with kernel-side selection, the load generator not watched:
+#                 its connections never reach the interceptor
+#   handback-all  the same with --selection all: every connection is redirected to the
+#                 interceptor, which hands the unwatched ones back and dials them itself
+#   relayed       interceptor (kernel-side selection) watching the load generator: relayed
+#                 through tarnwick-frontdoor
+#   relayed-all   the same with --selection all (not run unless PATHS names it)
 #   explicit   no interceptor; the load generator asks the same front door with CONNECT itself
 #   redsocks   no interceptor; Debian's redsocks (http-connect) carries it to the same front door
 # Per path: throughput one and four streams each way, connect-and-answer latency p50/p99 and
 # connections per second, CPU of the carrier (interceptor or redsocks) per GB and per connection,
 # and its memory per idle connection with HOLD_COUNT connections open. Needs root; touches nothing
 # outside the namespaces; everything it starts is stopped on exit, Ctrl-C included.
+# With --json, one JSON object per path follows the table, a line each (null where not measured).
 set -euo pipefail
+
+JSON=0
+[ "${1:-}" = --json ] && JSON=1
 
 BUILD=${BUILD:-build}
 RUN_SECONDS=${RUN_SECONDS:-3}
 LATENCY_COUNT=${LATENCY_COUNT:-2000}
 HOLD_COUNT=${HOLD_COUNT:-1000}
-PATHS=${PATHS:-direct handback relayed explicit redsocks}
+PATHS=${PATHS:-direct handback handback-all relayed explicit redsocks}
 
 BIN=$(readlink -f "$BUILD/src/cli/tarnwick-proxyext")
 FRONTDOOR=$(readlink -f "$BUILD/tools/frontdoor/tarnwick-frontdoor")
@@ -117,14 +126,14 @@ CARRIER=   # PID whose CPU and memory are measured
 VIA=()     # extra arguments of the load generator
 AS=()      # how the load generator is run
 
-start_interceptor() {  # start_interceptor WATCHED-PATH
+start_interceptor() {  # start_interceptor WATCHED-PATH SELECTION
   cat >"$WORK/options.json" <<JSON
 {"frontDoorHost": "127.0.0.1", "frontDoorPort": $FRONTDOOR_PORT,
  "socketPath": "$WORK/daemon.sock", "watchedSigningIDs": ["$1"]}
 JSON
   rm -f "$WORK/control.sock"
   start "$WORK/interceptor.log" "$AGENT" "$BIN" run --options "$WORK/options.json" \
-    --control-socket "$WORK/control.sock" --table tw_bench --mark "$MARK"
+    --control-socket "$WORK/control.sock" --table tw_bench --mark "$MARK" --selection "$2"
   CARRIER=$STARTED
   wait_for "the interceptor" test -S "$WORK/control.sock"
 }
@@ -157,8 +166,10 @@ begin_path() {
   AS=()
   case $1 in
     direct) ;;
-    handback) start_interceptor /nonexistent/unwatched-agent ;;
-    relayed) start_interceptor "$LOAD" ;;
+    handback) start_interceptor /nonexistent/unwatched-agent kernel ;;
+    handback-all) start_interceptor /nonexistent/unwatched-agent all ;;
+    relayed) start_interceptor "$LOAD" kernel ;;
+    relayed-all) start_interceptor "$LOAD" all ;;
     explicit) VIA=(--via "127.0.0.1:$FRONTDOOR_PORT") ;;
     redsocks) start_redsocks ;;
   esac
@@ -268,6 +279,17 @@ for path in $PATHS; do
     "$(cell "$path" kib)"
 done
 echo
-echo "Carrier: the interceptor (handback, relayed) or redsocks. The front door marks its upstream" \
-  "sockets with the interceptor's mark, so on the relayed path only the agent's connection is" \
-  "intercepted, as on the redsocks path."
+echo "Carrier: the interceptor (handback, relayed: kernel-side selection; -all: --selection all)" \
+  "or redsocks. The front door marks its upstream sockets with the interceptor's mark, so on the" \
+  "relayed paths only the agent's connection is intercepted, as on the redsocks path."
+
+if [ "$JSON" = 1 ]; then
+  echo
+  for path in $PATHS; do
+    line="{\"path\":\"$path\""
+    for metric in up1 down1 up4 down4 p50 p99 cps cpugb cpuconn kib; do
+      line+=",\"$metric\":${R[$path,$metric]:-null}"
+    done
+    echo "$line}"
+  done
+fi

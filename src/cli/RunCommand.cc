@@ -35,9 +35,17 @@ struct RunArguments {
 constexpr const char* kRunUsage =
     "usage: tarnwick-proxyext run --options FILE [--listen-port N] [--mark N]\n"
     "                             [--control-socket PATH] [--control-group GROUP] [--table NAME]\n"
-    "                             [--private-ipv4 NETWORKS] [--connect-timeout S]\n\n"
+    "                             [--private-ipv4 NETWORKS] [--connect-timeout S]\n"
+    "                             [--selection auto|kernel|all] [--block-quic]\n\n"
     "Intercepts outbound TCP as the provider's network rules say, until SIGINT or SIGTERM.\n"
     "Needs root. Start-up failures print one line and exit with status 2.\n\n"
+    "  --selection MODE       which connections reach the interceptor: kernel (only those of\n"
+    "                         watched programs and their descendants, chosen by BPF programs\n"
+    "                         at connect(); needs BTF and cgroup v2), all (every outbound TCP\n"
+    "                         connection, by an nftables redirect), or auto (kernel where it\n"
+    "                         loads, otherwise all with a warning naming why); default auto\n"
+    "  --block-quic           kernel selection: watched programs' UDP to port 443 is refused\n"
+    "                         (EPERM), so HTTP/3 clients fall back to TCP, which is inspected\n"
     "  --options FILE         start options, a JSON object with the keys frontDoorPort (1 to\n"
     "                         65535), frontDoorHost, watchedSigningIDs (executables' canonical\n"
     "                         paths), watchedPIDs, socketPath (the daemon's socket) and\n"
@@ -67,9 +75,20 @@ bool validTableName(const std::string& name) {
   return std::regex_match(name, kName);
 }
 
+std::optional<host::SelectionMode> selectionModeOf(const std::string& text) {
+  if (text == "auto") return host::SelectionMode::Auto;
+  if (text == "kernel") return host::SelectionMode::Kernel;
+  if (text == "all") return host::SelectionMode::All;
+  return std::nullopt;
+}
+
 void readOption(OptionReader& reader, const std::string& name, RunArguments& out) {
   if (name == "--help" || name == "-h") {
     out.help = true;
+    return;
+  }
+  if (name == "--block-quic") {
+    out.settings.blockQuic = true;
     return;
   }
   const auto value = reader.value();
@@ -101,6 +120,10 @@ void readOption(OptionReader& reader, const std::string& name, RunArguments& out
     if (!seconds || *seconds == 0)
       return reader.fail("--connect-timeout takes seconds from 1 to 600");
     out.settings.handBackConnectTimeout = std::chrono::seconds(*seconds);
+  } else if (name == "--selection") {
+    const auto mode = selectionModeOf(*value);
+    if (!mode) return reader.fail("--selection takes auto, kernel or all");
+    out.settings.selection = *mode;
   } else if (name == "--table") {
     if (!validTableName(*value)) return reader.fail("--table takes letters, digits and _");
     out.settings.tableName = *value;
@@ -126,10 +149,14 @@ void makeDefaultControlDirectory(const std::string& path) {
 
 // The provider the host runs, its events counted on their way to the daemon, and what the
 // status query shows of it.
+// A process the kernel recorded may be gone before its flow is decided; its recorded parent keeps
+// the provider's ancestry walk going.
 std::shared_ptr<TransparentProxyProvider> makeProvider(host::ProxyHost::Options& hostOptions) {
   hostOptions.counters = std::make_shared<host::HostCounters>();
+  hostOptions.recordedParents = std::make_shared<host::RecordedParents>();
   auto provider = TransparentProxyProvider::init(
-      std::make_shared<host::CountingDaemonChannel>(DaemonBridge::shared(), hostOptions.counters));
+      std::make_shared<host::CountingDaemonChannel>(DaemonBridge::shared(), hostOptions.counters),
+      [parents = hostOptions.recordedParents](std::int64_t pid) { return parents->parentOf(pid); });
   hostOptions.providerStatus = [weak = std::weak_ptr(provider)] {
     const auto held = weak.lock();
     return held ? host::describeProviderStatus(held->status()) : Json::object();
@@ -159,7 +186,9 @@ int run(const std::vector<std::string>& args) {
   if (arguments.optionsPath.empty()) return usageError("--options FILE is required");
   auto options = host::readStartOptionsFile(arguments.optionsPath);
   if (!options.options) return usageError(options.error);
-  if (::geteuid() != 0) return usageError("must run as root (nftables rules and socket marks)");
+  if (::geteuid() != 0) {
+    return usageError("must run as root (BPF programs or nftables rules, and socket marks)");
+  }
   for (const std::string& warning : options.warnings) {
     host::hostLog().error("host: warning: %{public}s", warning);
   }

@@ -15,6 +15,12 @@
 
 namespace tarnwick::host {
 
+// Which connections reach the interceptor. Kernel: only watched programs' and their
+// descendants', selected by BPF programs at connect(). All: every outbound TCP connection, by an
+// nftables redirect, and the unwatched ones are dialled again by the host. Auto: kernel where the
+// programs load and attach, otherwise all.
+enum class SelectionMode { Auto, Kernel, All };
+
 struct HostSettings {
   // 0: a port the kernel chooses, which no other program can hold in advance.
   static constexpr std::uint16_t kDefaultListenPort = 0;
@@ -34,6 +40,10 @@ struct HostSettings {
   std::vector<IPv4Network> privateIPv4Networks = defaultPrivateIPv4Networks();
   // How long the dial of a handed-back connection may wait for its destination to answer.
   std::chrono::milliseconds handBackConnectTimeout{20000};
+  SelectionMode selection = SelectionMode::Auto;
+  // Kernel selection only: watched programs' UDP to port 443 is refused, so QUIC clients fall
+  // back to TCP, which is inspected.
+  bool blockQuic = false;
 };
 
 }  // namespace tarnwick::host

@@ -10,6 +10,7 @@
 #include "host/owner/OwnerWalker.h"
 #include "host/redirect/NftRuleset.h"
 #include "host/redirect/OriginalDestination.h"
+#include "host/selection/IpPrefix.h"
 #include "platform/Network.h"
 
 namespace tarnwick::host {
@@ -24,9 +25,19 @@ constexpr auto kReleasePoll = std::chrono::milliseconds(10);
 // A port the kernel chose for the listeners may be taken by another program before all of them
 // are bound; another one is chosen then.
 constexpr int kAnyPortAttempts = 8;
+constexpr const char* kNoNftables =
+    "cannot open nftables (is the nf_tables module available, and does the process have "
+    "CAP_NET_ADMIN?)";
 
 std::shared_ptr<Runtime> runtimeOr(const std::shared_ptr<Runtime>& runtime) {
   return runtime ? runtime : realRuntime();
+}
+
+// The watch set the provider takes from its start options, decoded as it decodes it.
+SelectionLane::WatchSet watchSetOf(const std::optional<Json>& options) {
+  if (!options || !options->is_object()) return {};
+  return {WatchGate::decodeStringSet(jsonMember(*options, "watchedSigningIDs")),
+          WatchGate::decodeIntSet(jsonMember(*options, "watchedPIDs"))};
 }
 
 }  // namespace
@@ -43,6 +54,8 @@ ProxyHost::ProxyHost(std::shared_ptr<NETransparentProxyProvider> provider, Optio
       framework_(
           runtime_->makeQueue("dev.fernquill.tarnwick.host", QualityOfService::UserInitiated)),
       counters_(options_.counters ? options_.counters : std::make_shared<HostCounters>()),
+      parents_(options_.recordedParents ? options_.recordedParents
+                                        : std::make_shared<RecordedParents>()),
       walker_(options_.identify ? nullptr
                                 : std::make_shared<OwnerWalker>(runtime_->makeQueue(
                                       "dev.fernquill.tarnwick.host.owners",
@@ -62,6 +75,7 @@ std::optional<std::string> ProxyHost::start(std::optional<Json> startOptions) {
     return error;
   }
   started_ = true;
+  startWatchSet_ = watchSetOf(startOptions);
   provider_->attachTunnelHost(weak_from_this());
   auto started = std::make_shared<std::promise<std::optional<NEError>>>();
   provider_->startProxy(std::move(startOptions), [started](std::optional<NEError> error) {
@@ -88,9 +102,9 @@ std::optional<std::string> ProxyHost::checkMachine() {
   }
   {
     MutexLock lock(mutex_);
-    if (options_.installRules && !table_.valid()) {
-      return "cannot open nftables (is the nf_tables module available, and does the process "
-             "have CAP_NET_ADMIN?)";
+    if (options_.installRules && options_.settings.selection == SelectionMode::All &&
+        !table_.valid()) {
+      return kNoNftables;
     }
   }
   std::string error;
@@ -128,13 +142,19 @@ std::optional<std::string> ProxyHost::listenOnce() {
 }
 
 std::optional<std::string> ProxyHost::listenControl() {
-  control_ = ControlServer::create({lanes_.front().loop, framework_, runtime_, provider_,
-                                    [weak = weak_from_this()] {
-                                      const auto self = weak.lock();
-                                      return self ? self->status() : Json::object();
-                                    },
-                                    ControlAccess(options_.settings.controlGroup),
-                                    options_.controlLimits});
+  const std::weak_ptr<ProxyHost> weak = weak_from_this();
+  control_ = ControlServer::create(
+      {lanes_.front().loop, framework_, runtime_, provider_,
+       [weak] {
+         const auto self = weak.lock();
+         return self ? self->status() : Json::object();
+       },
+       ControlAccess(options_.settings.controlGroup), options_.controlLimits,
+       [weak](Bytes message, NETransparentProxyProvider::AppMessageCompletion completion) {
+         if (const auto self = weak.lock()) {
+           self->deliverWatchSet(std::move(message), std::move(completion));
+         }
+       }});
   std::string error;
   if (!control_->listen(options_.settings.controlSocketPath, error)) return error;
   return std::nullopt;
@@ -147,8 +167,7 @@ std::optional<std::string> ProxyHost::listenOn(Lane& lane, std::uint16_t port) {
           options_.installRules ? std::optional(options_.settings.socketMark) : std::nullopt,
           options_.settings.handBackConnectTimeout});
   lane.intake = FlowIntake::create(
-      {lane.loop, runtime_, lane.carrier, provider_,
-       options_.originalOf ? options_.originalOf : FlowIntake::TupleLookup(redirectedTuple),
+      {lane.loop, runtime_, lane.carrier, provider_, originLookup(),
        options_.identify ? options_.identify : realIdentification(lane.loop, walker_), counters_,
        taken_, ipv6_});
   std::string error;
@@ -172,6 +191,13 @@ void ProxyHost::stop() {
   // dialled, and only the rules' translation lets the reset reach it.
   const std::size_t ended = taken_->abortAll();
   removeRules();
+  std::shared_ptr<SelectionLane> selection;
+  {
+    MutexLock lock(mutex_);
+    selection.swap(selection_);
+  }
+  // Its programs detach as it goes.
+  selection.reset();
   if (ended > 0) awaitTakenFlowsReleased(ended);
 }
 
@@ -185,12 +211,49 @@ void ProxyHost::awaitTakenFlowsReleased(std::size_t ended) {
 }
 
 Json ProxyHost::status() const {
-  Json report{{"selection", "all"},     {"candidates", nullptr}, {"watchedSigningIDs", nullptr},
-              {"watchedPIDs", nullptr}, {"circuit", nullptr},    {"relays", taken_->liveCount()},
-              {"listenPort", port_},    {"ipv6", ipv6_}};
+  const auto kernel = selection();
+  Json report{{"selection", kernel ? "kernel" : "all"},
+              {"candidates", kernel ? Json(kernel->candidateCount()) : Json(nullptr)},
+              {"watchedSigningIDs", nullptr},
+              {"watchedPIDs", nullptr},
+              {"circuit", nullptr},
+              {"relays", taken_->liveCount()},
+              {"listenPort", port_},
+              {"ipv6", ipv6_}};
   if (options_.providerStatus) report.update(options_.providerStatus());
-  report.update(counters_->snapshot());
+  report.update(counters_->snapshot(kernel ? std::optional(kernel->counters()) : std::nullopt));
   return report;
+}
+
+std::shared_ptr<SelectionLane> ProxyHost::selection() const {
+  MutexLock lock(mutex_);
+  return selection_;
+}
+
+// With kernel-side selection the kernel's candidate set changes with the watch set.
+void ProxyHost::deliverWatchSet(Bytes message,
+                                NETransparentProxyProvider::AppMessageCompletion completion) {
+  if (const auto kernel = selection()) {
+    return kernel->changeWatchSet(std::move(message), std::move(completion));
+  }
+  provider_->handleAppMessage(std::move(message), std::move(completion));
+}
+
+// Kernel-side selection recorded the connection and its process; the table's redirect left the
+// original tuple with NAT, and the process is identified afterwards.
+FlowIntake::OriginLookup ProxyHost::originLookup() {
+  return [weak = weak_from_this(), tupleOf = options_.originalOf
+                                                 ? options_.originalOf
+                                                 : FlowIntake::TupleLookup(redirectedTuple)](
+             int fd, const SocketAddress& local,
+             const SocketAddress& peer) -> std::optional<FlowIntake::Origin> {
+    const auto self = weak.lock();
+    if (!self) return std::nullopt;
+    if (const auto kernel = self->selection()) return kernel->origin(peer);
+    auto tuple = tupleOf(fd, local, peer);
+    if (!tuple) return std::nullopt;
+    return FlowIntake::Origin{std::move(*tuple), std::nullopt};
+  };
 }
 
 void ProxyHost::applyTunnelNetworkSettings(
@@ -200,17 +263,76 @@ void ProxyHost::applyTunnelNetworkSettings(
                      completion = std::move(completion)] {
     auto self = weak.lock();
     if (!self) return completion(NEError{ECANCELED, "the host has stopped"});
-    completion(self->installRules(*settings));
+    completion(self->applyRules(*settings));
   });
 }
 
-std::optional<NEError> ProxyHost::installRules(const NETransparentProxyNetworkSettings& settings) {
-  const auto ruleset =
-      nftScriptFor(hostNetworkRules(settings, options_.settings.privateIPv4Networks),
-                   {options_.settings.tableName, options_.settings.socketMark, listenPort()});
+// Kernel-side selection where it is asked for and loads; otherwise the table, after one line
+// saying why.
+std::optional<NEError> ProxyHost::applyRules(const NETransparentProxyNetworkSettings& settings) {
+  if (selection()) {
+    return NEError{EALREADY, "network rules are applied once with kernel-side selection"};
+  }
+  const auto rules = hostNetworkRules(settings, options_.settings.privateIPv4Networks);
+  const SelectionMode mode =
+      options_.installRules ? options_.settings.selection : SelectionMode::All;
+  if (mode != SelectionMode::All) {
+    std::string whyNot;
+    if (selectInKernel(rules, whyNot)) return recordApplied(settings);
+    if (mode == SelectionMode::Kernel) {
+      return NEError{ENOTSUP, "kernel-side selection cannot load: " + whyNot};
+    }
+    hostLog().error(
+        "host: warning: kernel-side selection cannot load (%{public}s) — redirect-all: every "
+        "outbound TCP connection goes through the interceptor",
+        whyNot);
+  }
+  if (options_.settings.blockQuic) {
+    hostLog().error(
+        "host: warning: --block-quic needs kernel-side selection — watched programs' QUIC is "
+        "reported, not refused");
+  }
+  if (auto error = installTable(rules)) return error;
+  return recordApplied(settings);
+}
+
+std::optional<NEError> ProxyHost::recordApplied(const NETransparentProxyNetworkSettings& settings) {
+  MutexLock lock(mutex_);
+  applied_ = std::make_shared<NETransparentProxyNetworkSettings>(settings);
+  return std::nullopt;
+}
+
+// Loads the programs with the listener's port and the rules' excluded networks, and starts them
+// from the provider's watch set.
+bool ProxyHost::selectInKernel(const NETransparentProxyNetworkSettings& rules,
+                               std::string& whyNot) {
+  std::string unusable;
+  KernelSelection::Config config{listenPort(), excludedPrefixesOf(rules, unusable),
+                                 options_.settings.blockQuic, 0};
+  if (!unusable.empty()) {
+    hostLog().error("host: warning: %{public}s — its destinations are selected all the same",
+                    unusable);
+  }
+  auto lane = SelectionLane::load({lanes_.front().loop, provider_, parents_}, config,
+                                  startWatchSet_, kStartTimeout, whyNot);
+  if (!lane) return false;
+  {
+    MutexLock lock(mutex_);
+    selection_ = std::move(lane);
+  }
+  hostLog().info(
+      "host: kernel-side selection: watched programs' connections go to port %hu%{public}s",
+      listenPort(), options_.settings.blockQuic ? ", their UDP to port 443 is refused" : "");
+  return true;
+}
+
+std::optional<NEError> ProxyHost::installTable(const NETransparentProxyNetworkSettings& rules) {
+  const auto ruleset = nftScriptFor(
+      rules, {options_.settings.tableName, options_.settings.socketMark, listenPort()});
   if (!ruleset.script) return NEError{EINVAL, "network rules: " + ruleset.error};
   MutexLock lock(mutex_);
   if (options_.installRules) {
+    if (!table_.valid()) return NEError{EPERM, kNoNftables};
     std::string error;
     // A second set of settings replaces the first: the old table goes in the same transaction.
     const std::string script =
@@ -220,7 +342,6 @@ std::optional<NEError> ProxyHost::installRules(const NETransparentProxyNetworkSe
     }
     table_installed_ = true;
   }
-  applied_ = std::make_shared<NETransparentProxyNetworkSettings>(settings);
   hostLog().info("host: network rules applied in table inet %{public}s, redirect to port %hu",
                  options_.settings.tableName, listenPort());
   return std::nullopt;

@@ -1,8 +1,10 @@
 #pragma once
 // Hosts a transparent-proxy provider on Linux, in the part the platform's network-extension
-// framework plays: the provider's network rules become one nftables table, redirected TCP
-// connections become flows offered to it, flows it does not take are carried directly, and the
-// control socket delivers app messages and answers status queries.
+// framework plays: the provider's network rules become kernel-side selection's excluded networks
+// (where its programs load, unless told otherwise) or one nftables table, redirected TCP
+// connections become flows offered to it, flows it does not take are carried directly, UDP
+// sockets the kernel reports become UDP flows, and the control socket delivers app messages and
+// answers status queries.
 //
 // start() and stop(): one thread (the command's). applyTunnelNetworkSettings: any thread; its
 // completion runs on the host's framework queue. status(): any thread.
@@ -21,6 +23,8 @@
 #include "host/intake/TakenFlows.h"
 #include "host/owner/OwnerWalker.h"
 #include "host/redirect/NftTable.h"
+#include "host/selection/RecordedParents.h"
+#include "host/selection/SelectionLane.h"
 #include "host/status/HostCounters.h"
 #include "platform/Mutex.h"
 #include "platform/NetworkExtension.h"
@@ -31,13 +35,16 @@ class ProxyHost : public NETunnelHost, public std::enable_shared_from_this<Proxy
  public:
   struct Options {
     HostSettings settings;
-    // Off only in tests without privileges: the settings are recorded, no table is made, and
-    // the host's sockets carry no mark.
+    // Off only in tests without privileges: the settings are recorded, no table is made, nothing
+    // is loaded into the kernel, and the host's sockets carry no mark.
     bool installRules = true;
     FlowIntake::TupleLookup originalOf;      // empty: the kernel's record of the redirect
     FlowIntake::Identify identify;           // empty: the real identification
     std::shared_ptr<Runtime> runtime;        // empty: the real runtime
     std::shared_ptr<HostCounters> counters;  // empty: counters of the host's own
+    // Where kernel-side selection leaves the parents of the processes it recorded, for the
+    // provider's ancestry walk; empty: a table of the host's own.
+    std::shared_ptr<RecordedParents> recordedParents;
     // The provider's part of the status object; empty: those keys are null.
     std::function<Json()> providerStatus;
     ControlServer::Limits controlLimits;
@@ -62,7 +69,8 @@ class ProxyHost : public NETunnelHost, public std::enable_shared_from_this<Proxy
 
   std::uint16_t listenPort() const;
   std::shared_ptr<const NETransparentProxyNetworkSettings> appliedSettings() const;
-  // The answer to a status query: {"selection", "candidates", "watchedSigningIDs",
+  // The answer to a status query: {"selection" ("kernel" or "all"), "candidates" (kernel
+  // selection's count, else null), "watchedSigningIDs",
   // "watchedPIDs", "circuit", "relays" (flows the provider carries now), "listenPort",
   // "ipv6"} and the counters since start (HostCounters).
   Json status() const;
@@ -72,8 +80,14 @@ class ProxyHost : public NETunnelHost, public std::enable_shared_from_this<Proxy
   std::optional<std::string> checkMachine();
   std::optional<std::string> listen();
   std::optional<std::string> listenOnce();
-  std::optional<NEError> installRules(const NETransparentProxyNetworkSettings& settings);
+  std::optional<NEError> applyRules(const NETransparentProxyNetworkSettings& settings);
+  bool selectInKernel(const NETransparentProxyNetworkSettings& rules, std::string& whyNot);
+  std::optional<NEError> installTable(const NETransparentProxyNetworkSettings& rules);
+  std::optional<NEError> recordApplied(const NETransparentProxyNetworkSettings& settings);
   void removeRules();
+  std::shared_ptr<SelectionLane> selection() const;
+  void deliverWatchSet(Bytes message, NETransparentProxyProvider::AppMessageCompletion completion);
+  FlowIntake::OriginLookup originLookup();
   void awaitTakenFlowsReleased(std::size_t ended);
 
   // What the host runs on one lane: its event loop, the intake that accepts that lane's share of
@@ -92,6 +106,7 @@ class ProxyHost : public NETunnelHost, public std::enable_shared_from_this<Proxy
   const std::shared_ptr<Runtime> runtime_;
   const std::shared_ptr<DispatchQueue> framework_;
   const std::shared_ptr<HostCounters> counters_;
+  const std::shared_ptr<RecordedParents> parents_;
   const std::shared_ptr<TakenFlows> taken_ = std::make_shared<TakenFlows>();
   // Searches /proc for the lanes, unless identification is given.
   const std::shared_ptr<OwnerWalker> walker_;
@@ -100,11 +115,15 @@ class ProxyHost : public NETunnelHost, public std::enable_shared_from_this<Proxy
   std::uint16_t port_ = 0;
   bool ipv6_ = true;
   std::shared_ptr<ControlServer> control_;
+  // The start options' watch set, which kernel-side selection starts from.
+  SelectionLane::WatchSet startWatchSet_;
   bool started_ = false;
   mutable Mutex mutex_;
   NftTable table_ TW_GUARDED_BY(mutex_);
   bool table_installed_ TW_GUARDED_BY(mutex_) = false;
   std::shared_ptr<const NETransparentProxyNetworkSettings> applied_ TW_GUARDED_BY(mutex_);
+  // Set when kernel-side selection took the place of the table.
+  std::shared_ptr<SelectionLane> selection_ TW_GUARDED_BY(mutex_);
 };
 
 }  // namespace tarnwick::host

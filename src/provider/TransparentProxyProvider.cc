@@ -34,12 +34,13 @@ std::shared_ptr<TransparentProxyProvider> TransparentProxyProvider::create(Servi
 }
 
 std::shared_ptr<TransparentProxyProvider> TransparentProxyProvider::init(
-    std::shared_ptr<DaemonChannel> bridge) {
+    std::shared_ptr<DaemonChannel> bridge, AncestryGate::ParentLookup parentPIDOf) {
   Services services;
   services.runtime = realRuntime();
   services.connections = realConnectionFactory();
   services.bridge = bridge ? std::move(bridge) : DaemonBridge::shared();
   services.relayTiming.handshakeTimeout = relayHandshakeTimeout;
+  services.parentPIDOf = std::move(parentPIDOf);
   return create(std::move(services));
 }
 

@@ -60,10 +60,11 @@ class TransparentProxyProvider : public NETransparentProxyProvider,
     FrontDoorCircuitState circuit = FrontDoorCircuitState::closed();
   };
 
-  // The provider of the running system: real runtime and connections, and `bridge` for its
-  // events (empty: the shared daemon bridge itself).
+  // The provider of the running system: real runtime and connections, `bridge` for its events
+  // (empty: the shared daemon bridge itself), and `parentPIDOf` for the ancestry walk.
   static std::shared_ptr<TransparentProxyProvider> init(
-      std::shared_ptr<DaemonChannel> bridge = nullptr);
+      std::shared_ptr<DaemonChannel> bridge = nullptr,
+      AncestryGate::ParentLookup parentPIDOf = AncestryGate::realParentPID);
   static std::shared_ptr<TransparentProxyProvider> create(Services services);
 
   // NETransparentProxyProvider.

@@ -4,6 +4,10 @@
 // the world host with the servers. Addresses come only from 198.18.0.0/15 and 2001:db8::/32. The
 // world's servers run on threads of the test itself, so a test can cut their connections.
 // Everything goes at the end of the test, failed or not. Without root the tests skip.
+//
+// The interceptor selects connections as TW_E2E_SELECTION says: "kernel" (kernel-side
+// selection; the tests skip where this build or kernel has none) or "all" (the nftables
+// redirect), the default. CTest runs the suite once in each mode.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -40,6 +44,13 @@ using namespace std::chrono_literals;
 
 inline constexpr const char* kWorldIPv4 = "198.18.0.2";
 inline constexpr const char* kWorldIPv6 = "2001:db8:18::2";
+
+// "kernel" or "all".
+inline std::string selectionMode() {
+  const char* mode = std::getenv("TW_E2E_SELECTION");
+  return mode && std::string(mode) == "kernel" ? "kernel" : "all";
+}
+inline bool kernelSelection() { return selectionMode() == "kernel"; }
 
 // Polls `ready` every 20 ms until it holds or `limit` passes.
 template <typename Predicate>
@@ -213,6 +224,7 @@ struct Client {
   std::size_t bytes = 4096;
   bool watched = true;  // the watched client, or its byte-identical twin at a path nobody watches
   int descend = 0;      // levels of twins started below it; the deepest one connects
+  std::string ports{};  // for the modes that take a list of ports, instead of `port`
 };
 
 struct ClientRun {
@@ -229,6 +241,10 @@ class EndToEndTest : public ::testing::Test {
     if (geteuid() != 0) {
       GTEST_SKIP() << "end-to-end tests need root for network namespaces and nftables; "
                       "run them with sudo (make test does)";
+    }
+    if (kernelSelection() &&
+        (!TW_E2E_KERNEL_SELECTION_BUILT || !std::filesystem::exists("/sys/kernel/btf/vmlinux"))) {
+      GTEST_SKIP() << "kernel-side selection is not built here, or the kernel has no BTF";
     }
     // What a test process killed outright (at a CTest timeout) left behind goes first.
     shell(
@@ -303,22 +319,32 @@ class EndToEndTest : public ::testing::Test {
                                "127.0.0.1:" + std::to_string(kFrontDoorPort), "--mode", mode});
   }
   // Starts `tarnwick-proxyext run` watching the client and the interceptor's own executable (a
-  // connection of its own that came back to it would be relayed), once its rules are in place.
-  void startInterceptor() {
+  // connection of its own that came back to it would be relayed), in the suite's selection mode
+  // with `extra` options, once its control socket is there (it comes once the rules are in).
+  void startInterceptor(const std::vector<std::string>& extra = {}) {
     std::ofstream(file("options.json")) << Json{
         {"frontDoorHost", "127.0.0.1"},
         {"frontDoorPort", kFrontDoorPort},
         {"socketPath", file("daemon.sock")},
         {"watchedSigningIDs",
          {watchedClient(), proxyext()}}}.dump();
-    interceptor_ = std::make_unique<Process>(
-        lab_.agent,
-        std::vector<std::string>{proxyext(), "run", "--options", file("options.json"),
-                                 "--control-socket", file("control.sock"), "--table", "tw_e2e"},
-        file("interceptor.log"));
-    ASSERT_TRUE(eventually([&] {
-      return std::filesystem::exists(file("control.sock")) && tableExists();
-    })) << interceptor_->output();
+    std::vector<std::string> argv{
+        proxyext(),           "run",     "--options", file("options.json"), "--control-socket",
+        file("control.sock"), "--table", "tw_e2e",    "--selection",        selectionMode()};
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    interceptor_ = std::make_unique<Process>(lab_.agent, std::move(argv), file("interceptor.log"));
+    ASSERT_TRUE(eventually([&] { return std::filesystem::exists(file("control.sock")); }))
+        << interceptor_->output();
+    EXPECT_EQ(tableExists(), !kernelSelection());
+  }
+  // Runs `tarnwick-proxyext ARGS` against the interceptor's control socket; its output.
+  std::string control(const std::string& args) const {
+    std::string output;
+    inAgent(proxyext() + " " + args + " --control-socket " + file("control.sock"), &output);
+    return output;
+  }
+  Json status() const {
+    return Json::parse(control("status"), nullptr, /*allow_exceptions=*/false);
   }
 
   std::unique_ptr<Process> spawn(const Client& client, pid_t fixedPid = 0) {
@@ -326,8 +352,9 @@ class EndToEndTest : public ::testing::Test {
     return std::make_unique<Process>(
         lab_.agent,
         std::vector<std::string>{client.watched ? watchedClient() : twin_, client.mode, client.host,
-                                 std::to_string(port), std::to_string(client.bytes),
-                                 std::to_string(client.descend), twin_},
+                                 client.ports.empty() ? std::to_string(port) : client.ports,
+                                 std::to_string(client.bytes), std::to_string(client.descend),
+                                 twin_},
         file("client-" + std::to_string(spawned_++) + ".log"), fixedPid);
   }
   static ClientRun finish(Process& client) {

@@ -40,11 +40,14 @@ std::string shell(const std::string& command) {
 // its standard error kept in a file.
 class Command {
  public:
-  explicit Command(const std::string& args, const std::string& ns = "")
+  // `wrapper` runs the command (as `unshare ...` would).
+  explicit Command(const std::string& args, const std::string& ns = "",
+                   const std::string& wrapper = "")
       : errors_(::testing::TempDir() + "cmd-" + std::to_string(::getpid()) + "-" +
                 std::to_string(reinterpret_cast<std::uintptr_t>(this)) + ".err") {
-    const std::string line = (ns.empty() ? "exec " : "exec ip netns exec " + ns + " ") +
-                             TARNWICK_PROXYEXT_BINARY + " " + args + " >/dev/null 2>" + errors_;
+    const std::string line = (ns.empty() ? "exec " : "exec ip netns exec " + ns + " ") + wrapper +
+                             " " + TARNWICK_PROXYEXT_BINARY + " " + args + " >/dev/null 2>" +
+                             errors_;
     if ((pid_ = ::fork()) == 0) {
       ::execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
       ::_exit(127);
@@ -110,6 +113,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Case{"RunMarkNotANumber", "run --options x --mark 0xzz", 2},
                       Case{"RunTableWithBlank", "run --options x --table 'a b'", 2},
                       Case{"RunPrivateNotANetwork", "run --options x --private-ipv4 10.0.0.1/8", 2},
+                      Case{"RunSelectionUnknown", "run --options x --selection bpf", 2},
                       Case{"RunMissingOptions", "run --options /nonexistent/options.json", 2},
                       Case{"RunMalformedOptions", "run", 2, R"({"frontDoorPort":1,})"},
                       Case{"RunOptionsNotAnObject", "run", 2, "[1]"},
@@ -161,10 +165,15 @@ class RootInterceptionTest : public ::testing::Test {
     return shell("ip netns exec " + ns_ + " " + TARNWICK_PROXYEXT_BINARY + " " + args +
                  " 2>/dev/null");
   }
-  // `run` in the namespace, with a control socket at `base`.sock.
-  std::unique_ptr<Command> run(const std::string& base, const std::string& extra = "") {
+  // `run` in the namespace, with a control socket at `base`.sock, redirecting all outbound TCP
+  // unless `extra` chooses another selection.
+  std::unique_ptr<Command> run(const std::string& base, const std::string& extra = "",
+                               const std::string& wrapper = "") {
+    const std::string selection =
+        extra.find("--selection") == std::string::npos ? " --selection all " : " ";
     return std::make_unique<Command>(
-        "run --options " + base_ + ".json --control-socket " + base + ".sock " + extra, ns_);
+        "run --options " + base_ + ".json --control-socket " + base + ".sock" + selection + extra,
+        ns_, wrapper);
   }
 
   const std::string ns_ = "twhost-" + std::to_string(::getpid());
@@ -327,6 +336,29 @@ TEST_F(RootInterceptionTest, AnotherUserCannotListenWithTheInterceptor) {
   }
   inside([] { exchangeThroughTheHost("198.18.0.1"); });
   EXPECT_EQ(command->exitStatus(SIGTERM), 0) << command->errors();
+}
+
+// Where the kernel cannot select (here: BPF sees only the initial PID namespace's PIDs), a run
+// that asks for kernel selection stops, saying why; one that leaves it to the machine falls back
+// to redirecting everything, saying why in one line, and carries traffic as before.
+TEST_F(RootInterceptionTest, WithoutKernelSelectionKernelModeStopsAndAutoFallsBack) {
+  const std::string elsewhere = "unshare --pid --fork --kill-child --mount-proc";
+  auto kernel = run(base_, "--selection kernel", elsewhere);
+  EXPECT_EQ(kernel->exitStatus(), 2);
+  const std::string reason = "not in the initial PID namespace";
+  EXPECT_NE(kernel->errors().find("kernel-side selection cannot load: " + reason),
+            std::string::npos)
+      << kernel->errors();
+  EXPECT_EQ(tables(), "");
+  auto fallback = run(base_, "--selection auto --block-quic", elsewhere);
+  ASSERT_TRUE(ready()) << fallback->errors();
+  inside([] { exchangeThroughTheHost("198.18.0.1"); });
+  const std::string errors = fallback->errors();
+  const auto warning = errors.find("redirect-all");
+  EXPECT_NE(warning, std::string::npos) << errors;
+  EXPECT_NE(errors.rfind(reason, warning), std::string::npos) << errors;
+  EXPECT_EQ(errors.find("redirect-all", warning + 1), std::string::npos) << errors;
+  EXPECT_NE(errors.find("--block-quic needs kernel-side selection"), std::string::npos) << errors;
 }
 
 // Where IPv6 is switched off, the interceptor starts on IPv4 alone and says so once.

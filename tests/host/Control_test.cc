@@ -170,7 +170,7 @@ class ControlServerTest : public ::testing::Test {
          [] {
            return Json{{"relays", 3}};
          },
-         access, limits});
+         access, limits, nullptr});
     std::string error;
     ASSERT_TRUE(server_->listen(path_, error)) << error;
   }

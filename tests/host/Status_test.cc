@@ -48,15 +48,22 @@ TEST(CountingDaemonChannelTest, CountsRelayEventsAndPassesEveryEventOn) {
   counters->countUnplaced();
   counters->countBytesFromAgent(10);
   counters->countBytesToAgent(20);
-  EXPECT_EQ(counters->snapshot(),
-            (Json{{"relayed", 2},
-                  {"handedBack", 1},
-                  {"failedOpen",
-                   {{"no-ack", 2}, {"passthrough_dial", 1}, {"passthrough_dial_spliced", 1}}},
-                  {"udpFlowsReported", 1},
-                  {"unplaced", 1},
-                  {"bytesFromAgents", 10},
-                  {"bytesToAgents", 20}}));
+  Json expected{
+      {"relayed", 2},
+      {"handedBack", 1},
+      {"failedOpen", {{"no-ack", 2}, {"passthrough_dial", 1}, {"passthrough_dial_spliced", 1}}},
+      {"udpFlowsReported", 1},
+      {"unplaced", 1},
+      {"bytesFromAgents", 10},
+      {"bytesToAgents", 20},
+      {"kernelEventsDropped", nullptr},
+      {"kernelRecordsFailed", nullptr},
+      {"kernelCandidatesLost", nullptr}};
+  EXPECT_EQ(counters->snapshot(), expected);
+  // What kernel-side selection lost is counted in the kernel and shown as it counted it.
+  expected.update(
+      Json{{"kernelEventsDropped", 3}, {"kernelRecordsFailed", 4}, {"kernelCandidatesLost", 5}});
+  EXPECT_EQ(counters->snapshot(SelectionCounters{3, 4, 5}), expected);
 }
 
 // A flood of made-up reasons cannot grow the table without bound; known ones still count.

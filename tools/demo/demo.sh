@@ -106,7 +106,8 @@ say "Agent host: daemon, front door on 127.0.0.1:$FRONTDOOR_PORT, interceptor wa
 show "$WORK/options.json"
 start "$WORK/daemon.log" "$AGENT" "$DAEMON" --socket "$WORK/daemon.sock"
 wait_for "the daemon" test -S "$WORK/daemon.sock"
-# The front door's own connections carry the interceptor's mark and go straight out.
+# The front door's own connections carry the interceptor's mark and go straight out (redirecting
+# all; kernel-side selection leaves them alone anyway: the front door is not watched).
 start "$WORK/frontdoor.log" "$AGENT" "$FRONTDOOR" --listen "127.0.0.1:$FRONTDOOR_PORT" \
   --mark "$MARK"
 FRONTDOOR_PID=${PIDS[-1]}
@@ -114,6 +115,10 @@ wait_for "the front door" grep -q '^listening' "$WORK/frontdoor.log"
 start "$WORK/interceptor.log" "$AGENT" "$BIN" run --options "$WORK/options.json" \
   --control-socket "$WORK/control.sock" --mark "$MARK"
 wait_for "the interceptor" test -S "$WORK/control.sock"
+# Kernel-side selection where it loads (only curl's connections reach the interceptor), else the
+# nftables redirect of everything, after a line saying why.
+echo "   selection: $(ip netns exec "$AGENT" "$BIN" status --control-socket "$WORK/control.sock" |
+  sed -n 's/.*"selection":"\([a-z]*\)".*/\1/p')"
 
 say "curl http://$WORLD_IP/   (relayed through the front door)"
 fetch "http://$WORLD_IP/"

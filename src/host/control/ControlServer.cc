@@ -229,12 +229,11 @@ void ControlServer::answer(std::uint64_t id, Bytes request) {
     if (parsed.operation == ControlOperation::Status) {
       return self->reply(id, bytesOf(dumpCompact(self->parts_.status())));
     }
-    self->parts_.provider->handleAppMessage(std::move(parsed.body),
-                                            [weak, id](std::optional<Bytes> reply) {
-                                              if (auto server = weak.lock()) {
-                                                server->reply(id, reply.value_or(Bytes{}));
-                                              }
-                                            });
+    auto replied = [weak, id](std::optional<Bytes> reply) {
+      if (auto server = weak.lock()) server->reply(id, reply.value_or(Bytes{}));
+    };
+    if (self->parts_.watch) return self->parts_.watch(std::move(parsed.body), std::move(replied));
+    self->parts_.provider->handleAppMessage(std::move(parsed.body), std::move(replied));
   });
 }
 

@@ -45,6 +45,9 @@ class ControlServer : public IoHandler, public std::enable_shared_from_this<Cont
     std::function<Json()> status;
     ControlAccess access;
     Limits limits;
+    // Delivers a watch-set message and hands back the reply; empty: the provider's
+    // handleAppMessage. Called on the framework queue.
+    std::function<void(Bytes, NETransparentProxyProvider::AppMessageCompletion)> watch;
   };
 
   static std::shared_ptr<ControlServer> create(Parts parts);

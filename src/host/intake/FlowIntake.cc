@@ -109,21 +109,30 @@ void FlowIntake::acceptFrom(std::size_t index) {
                               SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (client) {
       // A connection made to the listener itself has itself as its destination.
-      auto tuple = parts_.originalOf(client.get(), *self, peer);
-      if (!tuple || sameSocketAddress(tuple->destination, *self)) {
+      auto origin = parts_.originOf(client.get(), *self, peer);
+      if (!origin || sameSocketAddress(origin->tuple.destination, *self)) {
         hostLog().error(
-            "intake: connection to the listener itself or without a destination — closed");
+            "intake: a connection this interceptor did not redirect (no record of it, or aimed "
+            "at the listener itself) — reset");
         parts_.counters->countUnplaced();
+        resetAndClose(client);
         continue;
       }
-      accepted.push_back({std::move(client), *tuple});
+      accepted.push_back({std::move(client), std::move(*origin)});
       continue;
     }
     if (errno == EINTR || errno == ECONNABORTED) continue;
     if (errno == EMFILE || errno == ENFILE) shedOne(listener);
     break;
   }
-  for (Accepted& one : accepted) identifyAndOffer(std::move(one.client), one.tuple);
+  for (Accepted& one : accepted) {
+    if (one.origin.owner) {
+      offer(std::move(one.client), one.origin.tuple.destination, std::move(*one.origin.owner),
+            true);
+    } else {
+      identifyAndOffer(std::move(one.client), one.origin.tuple);
+    }
+  }
 }
 
 void FlowIntake::identifyAndOffer(UniqueFd client, const OriginalTuple& tuple) {
@@ -132,15 +141,17 @@ void FlowIntake::identifyAndOffer(UniqueFd client, const OriginalTuple& tuple) {
   parts_.identify(tuple.client, destination,
                   [weak = weak_from_this(), held, destination](NEFlowMetaData metaData) {
                     if (auto self = weak.lock()) {
-                      self->offer(std::move(*held), destination, std::move(metaData));
+                      self->offer(std::move(*held), destination, std::move(metaData), false);
                     }
                   });
 }
 
-void FlowIntake::offer(UniqueFd client, const SocketAddress& destination, NEFlowMetaData metaData) {
+void FlowIntake::offer(UniqueFd client, const SocketAddress& destination, NEFlowMetaData metaData,
+                       bool recorded) {
   // Without its process the provider cannot tell whether the flow is watched; it will hand it
-  // back, and that must not go unnoticed.
-  if (!metaData.sourceAppAuditToken) {
+  // back, and that must not go unnoticed. A process looked for after the fact may be found gone
+  // already, its executable unreadable: no better.
+  if (!metaData.sourceAppAuditToken || (!recorded && metaData.sourceAppSigningIdentifier.empty())) {
     parts_.counters->countUnplaced();
     hostLog().error(
         "intake: no process found for a connection to %{public}s — handed back uninspected",

@@ -1,9 +1,10 @@
 #pragma once
 // Turns redirected connections into flows. Listens on 127.0.0.1 and, where the machine has IPv6,
-// on ::1; for each accepted
-// connection it reads the original destination (a connection aimed at the listener itself is
-// closed, so the host never loops into itself), then, once the accept loop has emptied the
-// listener's queue, names the owning process and offers the flow to the provider. A flow the
+// on ::1; for each accepted connection it reads the kernel's record of the redirect (a
+// connection without one, or aimed at the listener itself, is not this host's to carry and is
+// reset, so the host never loops into itself), then, once the accept loop has emptied the
+// listener's queue, names the owning process, unless the record did, and offers the flow to the
+// provider. A flow the
 // provider does not take goes to the hand-back carrier; one it takes is kept track of, weakly. A
 // connection whose process takes a walk of /proc to find waits for it off the lane; the others go
 // on meanwhile. Every connection that is closed instead of offered is logged and counted.
@@ -41,6 +42,14 @@ class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowInt
   // and the client's as the listener sees them; absent when it was not redirected.
   using TupleLookup = std::function<std::optional<OriginalTuple>(int fd, const SocketAddress& local,
                                                                  const SocketAddress& peer)>;
+  // A redirected connection: as its client made it and, when the redirect recorded it, the
+  // metadata of the process that made it (otherwise it is identified afterwards).
+  struct Origin {
+    OriginalTuple tuple;
+    std::optional<NEFlowMetaData> owner;
+  };
+  using OriginLookup = std::function<std::optional<Origin>(int fd, const SocketAddress& local,
+                                                           const SocketAddress& peer)>;
   // Hands the metadata of the process behind a connection to `then`, on the loop's lane: at
   // once, or later when the process must be searched for off the lane. Called on the lane.
   using Identified = std::function<void(NEFlowMetaData)>;
@@ -52,8 +61,8 @@ class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowInt
     std::shared_ptr<Runtime> runtime;  // makes each flow's framework queue
     std::shared_ptr<HandBackCarrier> carrier;
     std::shared_ptr<NETransparentProxyProvider> provider;
-    TupleLookup originalOf;  // the kernel's record of the redirect
-    Identify identify;
+    OriginLookup originOf;  // the kernel's record of the redirect
+    Identify identify;      // for an origin without its owner
     std::shared_ptr<HostCounters> counters;
     std::shared_ptr<TakenFlows> taken;
     bool ipv6 = true;  // whether to listen on ::1 as well
@@ -81,12 +90,14 @@ class FlowIntake : public IoHandler, public std::enable_shared_from_this<FlowInt
   explicit FlowIntake(Parts parts);
   struct Accepted {
     UniqueFd client;
-    OriginalTuple tuple;
+    Origin origin;
   };
 
   void acceptFrom(std::size_t index);
   void identifyAndOffer(UniqueFd client, const OriginalTuple& tuple);
-  void offer(UniqueFd client, const SocketAddress& destination, NEFlowMetaData metaData);
+  // `recorded`: the process was named when it connected, not looked for afterwards.
+  void offer(UniqueFd client, const SocketAddress& destination, NEFlowMetaData metaData,
+             bool recorded);
   // Out of descriptors: accept with the spare one and drop the connection, so the listener's
   // readiness does not spin the loop.
   void shedOne(int listener);

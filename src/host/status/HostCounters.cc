@@ -18,7 +18,7 @@ void HostCounters::countFailedOpen(std::string_view reason) {
   }
 }
 
-Json HostCounters::snapshot() const {
+Json HostCounters::snapshot(const std::optional<SelectionCounters>& kernel) const {
   Json failedOpen = Json::object();
   {
     MutexLock lock(mutex_);
@@ -30,7 +30,10 @@ Json HostCounters::snapshot() const {
               {"udpFlowsReported", read(udp_flows_reported_)},
               {"unplaced", read(unplaced_)},
               {"bytesFromAgents", read(bytes_from_agents_)},
-              {"bytesToAgents", read(bytes_to_agents_)}};
+              {"bytesToAgents", read(bytes_to_agents_)},
+              {"kernelEventsDropped", kernel ? Json(kernel->eventsDropped) : Json(nullptr)},
+              {"kernelRecordsFailed", kernel ? Json(kernel->recordsFailed) : Json(nullptr)},
+              {"kernelCandidatesLost", kernel ? Json(kernel->candidatesLost) : Json(nullptr)}};
 }
 
 }  // namespace tarnwick::host

@@ -1,7 +1,8 @@
 #pragma once
 // What the interceptor has done since it started, for the operator's status query: the flows
 // relayed, handed back, failed open (by reason) and reported as UDP, the connections it could not
-// place, and the bytes its flows carried to and from the programs. Every mechanism of the host
+// place, the bytes its flows carried to and from the programs, and what kernel-side selection
+// lost (counted by the kernel itself). Every mechanism of the host
 // adds to it; the provider's part is counted from its events (CountingDaemonChannel).
 //
 // Any thread. Counts are atomics; the fail-open reasons, a short fixed catalogue, sit under
@@ -13,6 +14,7 @@
 #include <string>
 #include <string_view>
 
+#include "host/selection/SelectionPrograms.h"
 #include "platform/Json.h"
 #include "platform/Mutex.h"
 
@@ -29,8 +31,10 @@ class HostCounters {
   void countBytesToAgent(std::size_t bytes) { add(bytes_to_agents_, bytes); }
 
   // {"relayed":N,"handedBack":N,"failedOpen":{REASON:N,...},"udpFlowsReported":N,
-  //  "unplaced":N,"bytesFromAgents":N,"bytesToAgents":N}
-  Json snapshot() const;
+  //  "unplaced":N,"bytesFromAgents":N,"bytesToAgents":N,"kernelEventsDropped":N,
+  //  "kernelRecordsFailed":N,"kernelCandidatesLost":N}, with what kernel-side selection could
+  // not do as `kernel` counted it (null without kernel-side selection).
+  Json snapshot(const std::optional<SelectionCounters>& kernel = std::nullopt) const;
 
  private:
   static void add(std::atomic<std::uint64_t>& counter, std::uint64_t by = 1) {
