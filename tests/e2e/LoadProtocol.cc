@@ -1,6 +1,7 @@
 #include "LoadProtocol.h"
 
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <time.h>
 
@@ -74,6 +75,14 @@ std::string PumpResult::outcome(const PumpPlan& plan) const {
   return complete(plan) ? "exact" : "short";
 }
 
+std::string PumpResult::describe(const PumpPlan& plan) const {
+  std::string text = "sent " + std::to_string(sent) + " of " + std::to_string(plan.send) +
+                     ", received " + std::to_string(received) + " of " +
+                     std::to_string(plan.receive);
+  if (mismatchAt) text += ", wrong byte at " + std::to_string(*mismatchAt);
+  return text + (ended ? ", ended" : "");
+}
+
 std::int64_t monotonicMs() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
@@ -145,9 +154,23 @@ bool sendAllBytes(int fd, const void* data, std::size_t size) {
   return true;
 }
 
+bool receiveWithin(int fd, void* data, std::size_t size, std::int64_t deadlineMs) {
+  pollfd poller{fd, POLLIN, 0};
+  const auto left = static_cast<int>(std::max<std::int64_t>(0, deadlineMs - monotonicMs()));
+  return ::poll(&poller, 1, left) > 0 &&
+         ::recv(fd, data, size, MSG_WAITALL) == static_cast<ssize_t>(size);
+}
+
 void resetOnClose(int fd) {
   const linger hard{1, 0};
   ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+}
+
+void raiseDescriptorLimit() {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 }  // namespace tarnwick::e2e

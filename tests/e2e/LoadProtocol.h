@@ -89,6 +89,8 @@ struct PumpResult {
   }
   // "exact", "differs", "timeout", "reset", "error: ..." or "short" (an end before every byte).
   std::string outcome(const PumpPlan& plan) const;
+  // The counts of bytes each way and where they went wrong, for a failure message.
+  std::string describe(const PumpPlan& plan) const;
 };
 
 // deadlineMs: CLOCK_MONOTONIC milliseconds after which the pump gives up.
@@ -96,7 +98,11 @@ PumpResult pump(int fd, const PumpPlan& plan, std::int64_t deadlineMs);
 std::int64_t monotonicMs();
 
 bool sendAllBytes(int fd, const void* data, std::size_t size);
+// Reads exactly `size` bytes, waiting for the first of them until the deadline at most.
+bool receiveWithin(int fd, void* data, std::size_t size, std::int64_t deadlineMs);
 // Makes the socket's close a reset rather than an orderly end.
 void resetOnClose(int fd);
+// Both ends of thousands of connections: as many descriptors as the hard limit allows.
+void raiseDescriptorLimit();
 
 }  // namespace tarnwick::e2e

@@ -1,8 +1,5 @@
 #include "LoadServer.h"
 
-#include <poll.h>
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <chrono>
 
@@ -11,22 +8,6 @@ namespace {
 
 // How long one connection may take; the tests' own deadlines are shorter.
 constexpr std::int64_t kPatienceMs = 600'000;
-
-bool receiveHeader(int fd, LoadHeader& header, std::int64_t deadline) {
-  pollfd poller{fd, POLLIN, 0};
-  const auto left = static_cast<int>(std::max<std::int64_t>(0, deadline - monotonicMs()));
-  if (::poll(&poller, 1, left) <= 0) return false;
-  return ::recv(fd, &header, sizeof header, MSG_WAITALL) == sizeof header &&
-         header.magic == LoadHeader::kMagic;
-}
-
-// The one byte a server-resets client sends to ask for the reset.
-bool awaitByte(int fd, std::int64_t deadline) {
-  pollfd poller{fd, POLLIN, 0};
-  const auto left = static_cast<int>(std::max<std::int64_t>(0, deadline - monotonicMs()));
-  char byte = 0;
-  return ::poll(&poller, 1, left) > 0 && ::recv(fd, &byte, 1, 0) == 1;
-}
 
 }  // namespace
 
@@ -75,7 +56,8 @@ void LoadServer::serve(int fd) {
   const PumpPlan greeting{.sendStream = kGreetingStream, .send = opening_.greeting};
   if (!pump(fd, greeting, deadline).complete(greeting) || opening_.closeAfterGreeting) return;
   LoadHeader header;
-  if (!receiveHeader(fd, header, deadline)) return;
+  if (!receiveWithin(fd, &header, sizeof header, deadline) || header.magic != LoadHeader::kMagic)
+    return;
   {
     std::lock_guard lock(mutex_);
     ++visits_[header.id].connections;
@@ -89,8 +71,7 @@ void LoadServer::noteUpload(std::uint64_t id, const PumpPlan& plan, const PumpRe
   if (result.received == plan.receive && !result.mismatchAt) {
     ++visits.wholeUploads;
   } else {
-    visits.problems.push_back(result.outcome(plan) + ": " + std::to_string(result.received) +
-                              " of " + std::to_string(plan.receive) + " bytes uploaded");
+    visits.problems.push_back(result.outcome(plan) + ": " + result.describe(plan));
   }
 }
 
@@ -116,7 +97,8 @@ void LoadServer::converse(int fd, const LoadHeader& header, std::int64_t deadlin
     pump(fd, rest, deadline);
   }
   if (script == Script::ServerResets) {
-    if (awaitByte(fd, deadline)) resetOnClose(fd);
+    // The client sends one byte more to ask for the reset.
+    if (char byte = 0; receiveWithin(fd, &byte, 1, deadline)) resetOnClose(fd);
   } else if (script == Script::ClientResets) {
     const PumpPlan end{.readToEnd = true};
     const PumpResult result = pump(fd, end, deadline);

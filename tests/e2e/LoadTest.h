@@ -1,7 +1,6 @@
 #pragma once
 // The fixture of the load and fault tests: the end-to-end lab with the load client watched as
-// well, a load server on the world host, the sizes of the run, and what the interceptor says of
-// itself (its status, its descriptors and its memory).
+// well, a load server on the world host, the sizes of the run, and runs of the load client.
 //
 // Sizes come from the environment, so that `make soak` runs the same tests at full size; the
 // defaults fit a CI run:
@@ -14,27 +13,14 @@
 //   TW_SOAK_SHORT_CLIENTS      short-lived watched programs per round   (CI 40, full 450)
 //   TW_SOAK_AWAIT_COOLDOWN     1: wait out the circuit's cool-down      (CI 0, full 1)
 
-#include <sys/resource.h>
-
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "EndToEnd.h"
 #include "LoadServer.h"
 
 namespace tarnwick::e2e {
-
-// Sanitizers keep freed memory in quarantine: only a plain build says what was given back.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-inline constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-inline constexpr bool kSanitized =
-    __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
-#else
-inline constexpr bool kSanitized = false;
-#endif
 
 struct SoakSize {
   std::uint64_t transfers = envOr("TW_SOAK_TRANSFERS", 40);
@@ -52,11 +38,10 @@ struct SoakSize {
   }
 };
 
-// One run of tw-e2e-load (see its header for the scripts and options).
+// One run of tw-e2e-load (see its header for the scripts and the rest).
 struct LoadRun {
   std::string script = "exchange";
   std::uint16_t port = 0;  // 0: the fixture's load server
-  std::string host = kWorldIPv4;
   std::uint64_t count = 1;
   std::uint64_t firstId = 1;
   std::string up = "0";    // N or LOW-HIGH
@@ -66,28 +51,20 @@ struct LoadRun {
 };
 
 struct LoadResult {
-  Json outcomes;  // {OUTCOME: COUNT}
+  Json outcomes = Json::object();  // {OUTCOME: COUNT}
   double seconds = 0;
   std::string output;
 };
 
 class LoadTest : public EndToEndTest {
  protected:
-  static constexpr const char* kMark = "0x7477";  // the interceptor's own, as it runs here
-
   void SetUp() override {
     EndToEndTest::SetUp();
     if (IsSkipped() || HasFatalFailure()) return;
-    // The world's end of a few thousand connections lives in this process.
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
+    raiseDescriptorLimit();  // the world's end of every connection lives in this process
     world_ = std::make_unique<LoadServer>(lab_.world);
     ASSERT_NE(world_->port(), 0);
   }
-
-  static std::string loadClient() { return std::filesystem::canonical(TW_E2E_LOAD); }
 
   // The front door, marked as a deployment runs it so that its own connections go straight out
   // (its thousands of dials would otherwise be handed back by the interceptor, a second hop the
@@ -96,45 +73,35 @@ class LoadTest : public EndToEndTest {
   void startRelaying() {
     ASSERT_NO_FATAL_FAILURE(startMarkedFrontDoor());
     ASSERT_NO_FATAL_FAILURE(startInterceptor());
-    std::string reply;
-    ASSERT_EQ(inAgent(proxyext() + " watch --control-socket " + file("control.sock") +
-                          " --signing-id " + watchedClient() + " --signing-id " + proxyext() +
-                          " --signing-id " + loadClient(),
-                      &reply),
-              0)
-        << reply;
+    const auto reply =
+        control("watch --signing-id " + watchedClient() + " --signing-id " + proxyext() +
+                " --signing-id " + std::filesystem::canonical(TW_E2E_LOAD).string());
+    ASSERT_NE(reply.find(R"("ok":true)"), std::string::npos) << reply;
   }
-
   void startMarkedFrontDoor() {
     startListener(frontDoor_, {TW_E2E_FRONTDOOR, "--listen",
-                               "127.0.0.1:" + std::to_string(kFrontDoorPort), "--mark", kMark});
+                               "127.0.0.1:" + std::to_string(kFrontDoorPort), "--mark", "0x7477"});
   }
 
   std::unique_ptr<Process> spawnLoad(const LoadRun& run) {
     const std::uint16_t port = run.port != 0 ? run.port : world_->port();
     return std::make_unique<Process>(
         lab_.agent,
-        std::vector<std::string>{loadClient(), run.script, run.host, std::to_string(port),
-                                 std::to_string(run.count), "--first-id",
-                                 std::to_string(run.firstId), "--up", run.up, "--down", run.down,
-                                 "--banner", std::to_string(run.banner), "--deadline",
+        std::vector<std::string>{TW_E2E_LOAD, run.script, kWorldIPv4, std::to_string(port),
+                                 std::to_string(run.count), std::to_string(run.firstId), run.up,
+                                 run.down, std::to_string(run.banner),
                                  std::to_string(run.deadlineSeconds)},
         file("load-" + std::to_string(spawned_++) + ".log"));
   }
-  // The outcomes of a load run, once it ends (it ends by its own deadline at the latest).
-  static LoadResult finishLoad(Process& load, double deadlineSeconds) {
+  // The outcomes of a load run, once it ends (by its own deadline at the latest); its summary is
+  // its last line.
+  static LoadResult finishLoad(Process& load, double deadlineSeconds = 60) {
     const auto limit = std::chrono::milliseconds(static_cast<int>(deadlineSeconds * 1000)) + 20s;
-    LoadResult result{Json::object(), 0, ""};
-    if (load.wait(limit) != 0) {
-      result.output = "tw-e2e-load did not finish: " + load.output();
-      return result;
-    }
-    result.output = load.output();
-    // The summary is the last line.
-    const auto newline = result.output.rfind('\n', result.output.find_last_not_of('\n'));
-    const auto summary =
-        Json::parse(result.output.substr(newline == std::string::npos ? 0 : newline + 1), nullptr,
-                    /*allow_exceptions=*/false);
+    if (load.wait(limit) != 0) return {.output = "tw-e2e-load did not finish: " + load.output()};
+    LoadResult result{.output = load.output()};
+    const auto summary = Json::parse(
+        result.output.substr(result.output.rfind('\n', result.output.size() - 2) + 1), nullptr,
+        /*allow_exceptions=*/false);
     if (!summary.is_object()) return result;
     result.outcomes = summary.value("outcomes", Json::object());
     result.seconds = summary.value("seconds", 0.0);
@@ -168,45 +135,15 @@ class LoadTest : public EndToEndTest {
 
   // The interceptor's status, or an empty object when it does not answer.
   Json status() const {
-    std::string output;
-    inAgent(proxyext() + " status --control-socket " + file("control.sock"), &output);
-    auto status = Json::parse(output, nullptr, /*allow_exceptions=*/false);
-    return status.is_object() ? status : Json::object();
+    auto now = EndToEndTest::status();
+    return now.is_object() ? now : Json::object();
   }
+  std::uint64_t counter(const char* name) const { return status().value(name, std::uint64_t{0}); }
   // The status once the interceptor carries no watched flow any more.
   Json settledStatus(std::chrono::milliseconds limit = 10s) const {
     Json now;
-    eventually(
-        [&] {
-          now = status();
-          return now.value("relays", -1) == 0;
-        },
-        limit);
+    eventually([&] { return (now = status()).value("relays", -1) == 0; }, limit);
     return now;
-  }
-
-  // The interceptor's descriptors by kind: "socket", "pipe", "proc" (a directory of a process)
-  // and "other".
-  std::map<std::string, std::size_t> interceptorDescriptors() const {
-    std::map<std::string, std::size_t> kinds;
-    std::error_code error;
-    const auto fds = "/proc/" + std::to_string(interceptor_->pid()) + "/fd";
-    for (const auto& entry : std::filesystem::directory_iterator(fds, error)) {
-      const std::string target = std::filesystem::read_symlink(entry.path(), error).string();
-      if (error) continue;  // closed meanwhile
-      const bool socket = target.starts_with("socket:");
-      const bool pipe = target.starts_with("pipe:");
-      ++kinds[socket ? "socket" : pipe ? "pipe" : target.starts_with("/proc/") ? "proc" : "other"];
-    }
-    return kinds;
-  }
-  std::size_t interceptorResidentKiB() const {
-    std::ifstream status("/proc/" + std::to_string(interceptor_->pid()) + "/status");
-    for (std::string key; status >> key;) {
-      std::size_t value = 0;
-      if (key == "VmRSS:" && status >> value) return value;
-    }
-    return 0;
   }
 
   const SoakSize size_{};
