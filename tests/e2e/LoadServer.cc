@@ -16,23 +16,22 @@ LoadServer::LoadServer(const std::string& netns) : LoadServer(netns, Opening{}) 
 LoadServer::LoadServer(const std::string& netns, Opening opening)
     : opening_(opening), server_(netns, [this](int fd) { serve(fd); }) {}
 
-std::map<std::uint64_t, LoadServer::Visits> LoadServer::visits() const {
-  std::lock_guard lock(mutex_);
-  return visits_;
-}
-
 std::vector<std::string> LoadServer::unlikeVisits(std::uint64_t first, std::uint64_t count,
-                                                  int connections) const {
+                                                  int connections,
+                                                  const std::string& ending) const {
   std::vector<std::string> unlike;
   std::lock_guard lock(mutex_);
   for (std::uint64_t id = first; id < first + count; ++id) {
     const auto found = visits_.find(id);
     const Visits seen = found == visits_.end() ? Visits{} : found->second;
-    if (seen.connections == connections && seen.wholeUploads == connections) continue;
+    if (seen.connections == connections && seen.wholeUploads == connections &&
+        (ending.empty() || seen.ending == ending))
+      continue;
     unlike.push_back("id " + std::to_string(id) + " reached it " +
                      std::to_string(seen.connections) + " times, " +
                      std::to_string(seen.wholeUploads) + " whole" +
-                     (seen.problems.empty() ? "" : "; " + seen.problems.front()));
+                     (seen.problems.empty() ? "" : "; " + seen.problems.front()) +
+                     (ending.empty() ? "" : "; its end: '" + seen.ending + "'"));
   }
   return unlike;
 }

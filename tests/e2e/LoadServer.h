@@ -25,6 +25,20 @@ class LoadServer {
     std::uint64_t greeting = 0;  // bytes sent on every connection before anything is read
     bool closeAfterGreeting = false;
   };
+  explicit LoadServer(const std::string& netns);
+  LoadServer(const std::string& netns, Opening opening);
+
+  std::uint16_t port() const { return server_.port(); }
+  int accepted() const { return server_.accepted(); }
+  // The ids from `first` on, `count` of them, that have not reached the server exactly
+  // `connections` times with a whole upload each time (and, unless `ending` is empty, a
+  // client-resets stream that ended so), each said in a few words.
+  std::vector<std::string> unlikeVisits(std::uint64_t first, std::uint64_t count, int connections,
+                                        const std::string& ending = "") const;
+  // Lets every held connection answer, now and from now on.
+  void openGate();
+
+ private:
   // What reached the server under one id.
   struct Visits {
     int connections = 0;
@@ -33,20 +47,6 @@ class LoadServer {
     std::string ending;                 // after a client-resets upload: "end" or "reset"
   };
 
-  explicit LoadServer(const std::string& netns);
-  LoadServer(const std::string& netns, Opening opening);
-
-  std::uint16_t port() const { return server_.port(); }
-  int accepted() const { return server_.accepted(); }
-  std::map<std::uint64_t, Visits> visits() const;
-  // The ids from `first` on, `count` of them, that have not reached the server exactly
-  // `connections` times with a whole upload each time, each said in a few words.
-  std::vector<std::string> unlikeVisits(std::uint64_t first, std::uint64_t count,
-                                        int connections) const;
-  // Lets every held connection answer, now and from now on.
-  void openGate();
-
- private:
   void serve(int fd);
   void converse(int fd, const LoadHeader& header, std::int64_t deadline);
   void noteUpload(std::uint64_t id, const PumpPlan& plan, const PumpResult& result);

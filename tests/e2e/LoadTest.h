@@ -122,11 +122,13 @@ class LoadTest : public EndToEndTest {
   }
 
   // The ids from `first` on, `count` of them, each reach the world `connections` times with a
-  // whole upload (a server may note an upload only once the client's end has reached it).
-  void expectVisits(std::uint64_t first, std::uint64_t count, int connections = 1) const {
+  // whole upload, and end as `ending` says (see LoadServer::unlikeVisits); a server may note
+  // either only once the client's end has reached it.
+  void expectVisits(std::uint64_t first, std::uint64_t count, int connections = 1,
+                    const std::string& ending = "") const {
     std::vector<std::string> unlike;
     eventually([&] {
-      unlike = world_->unlikeVisits(first, count, connections);
+      unlike = world_->unlikeVisits(first, count, connections, ending);
       return unlike.empty();
     });
     EXPECT_TRUE(unlike.empty()) << unlike.size() << " ids did not reach the world exactly "

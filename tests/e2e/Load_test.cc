@@ -51,18 +51,8 @@ TEST_P(LoadCaseTest, IsCarriedExactlyThroughTheFrontDoor) {
   if (run.opening.closeAfterGreeting) {
     EXPECT_EQ(world_->accepted(), static_cast<int>(count)) << "each dialled once";
   } else {
-    expectVisits(1, count);
+    expectVisits(1, count, 1, run.worldSaw);
   }
-  std::string other;  // an id whose end the world saw otherwise, once every end has come
-  eventually([&] {
-    other.clear();
-    for (const auto& [id, visits] : world_->visits()) {
-      if (*run.worldSaw && visits.ending != run.worldSaw)
-        other = "id " + std::to_string(id) + ": the world saw '" + visits.ending + "'";
-    }
-    return other.empty();
-  });
-  EXPECT_EQ(other, "");
   const auto status = settledStatus();
   EXPECT_EQ(status["relayed"], count) << status.dump();
   for (const auto& [reason, late] : status["failedOpen"].items()) {
@@ -70,7 +60,13 @@ TEST_P(LoadCaseTest, IsCarriedExactlyThroughTheFrontDoor) {
     std::cout << late << " handshakes answered late\n";
   }
   EXPECT_EQ(status["circuit"], "closed") << status.dump();
-  EXPECT_EQ(frontDoorLines(count).size(), count);
+  // One line per flow, beside those of the liveness probes a late handshake calls for.
+  const auto lines = frontDoorLines(count);
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                          [&](auto line) {
+                            return line["dest"].ends_with(":" + std::to_string(world_->port()));
+                          }),
+            count);
 }
 
 constexpr std::uint64_t kBanner = 64 * 1024;
