@@ -5,6 +5,7 @@
 #   make bench  micro-benchmarks
 #   make fuzz   every fuzzer for FUZZ_SECONDS each
 #   make bench-macro  end-to-end throughput, latency, CPU and memory table (root)
+#   make soak   the end-to-end load and fault suite at full size (root)
 #   make install  the binaries, the systemd unit and an example options file (PREFIX, DESTDIR)
 
 SHELL := /bin/bash
@@ -33,8 +34,8 @@ DATADIR ?= $(PREFIX)/share/tarnwick-proxyext
 CONFIGURE = cmake -S . -G Ninja -DTARNWICK_WERROR=$(WERROR)
 CTEST = ctest --output-on-failure -j $(JOBS) --timeout 300
 
-.PHONY: deps build test test-normal asan-build test-asan tsan bench bench-macro fuzz demo install \
-  clean
+.PHONY: deps build test test-normal asan-build test-asan tsan bench bench-macro soak fuzz demo \
+  install clean
 
 deps:
 	@missing=$$(for p in $(PACKAGES); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null \
@@ -93,6 +94,27 @@ demo: build
 # Needs root: private network namespaces, nftables. One run, one table.
 bench-macro: build
 	$(SUDO) BUILD=build bench/macro/run.sh
+
+# The load and fault suite of tests/e2e, which make test runs at a size that fits CI, at full
+# size. Each size can be set on the command line (make soak TW_SOAK_BURST=5000); LoadTest.h says
+# what each one counts. Needs root, as every end-to-end test.
+TW_SOAK_TRANSFERS ?= 1000
+TW_SOAK_TRANSFER_BYTES ?= 2097152
+TW_SOAK_BURST ?= 2000
+TW_SOAK_CONVERSATIONS ?= 200
+TW_SOAK_KILLED ?= 100
+TW_SOAK_DEAD_DESTINATIONS ?= 100
+TW_SOAK_SHORT_CLIENTS ?= 450
+TW_SOAK_AWAIT_COOLDOWN ?= 1
+SOAK_SIZES = $(foreach size,TRANSFERS TRANSFER_BYTES BURST CONVERSATIONS KILLED DEAD_DESTINATIONS \
+  SHORT_CLIENTS AWAIT_COOLDOWN,TW_SOAK_$(size)=$(TW_SOAK_$(size)))
+
+# Both selection modes, one after the other, as CTest runs the suite.
+SOAK_MODES ?= kernel all
+soak: build
+	cd build && for mode in $(SOAK_MODES); do echo "== selection $$mode"; \
+	  time $(SUDO) env $(SOAK_SIZES) TW_E2E_SELECTION=$$mode tests/e2e/e2e_tests \
+	  --gtest_filter='LoadTest.*:*/LoadCaseTest.*:*/DaemonAbsenceTest.*' || exit 1; done
 
 # The unit names the installed paths; an options file already in place is never replaced.
 install: build

@@ -24,6 +24,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -130,29 +131,35 @@ class Process {
 };
 
 // A server on the world host, run on threads of the test, one per connection: it sends every byte
-// back as it arrives or, when `holdUntilEnd`, all of them once the client has ended its side.
+// back as it arrives or, when `holdUntilEnd`, all of them once the client has ended its side, or
+// it serves each connection as `serve` says (the server closes the connection afterwards).
 // Listens on both address families; its port is 0 when that failed. Going away cuts every
 // connection.
 class WorldServer {
  public:
-  WorldServer(const std::string& netns, bool holdUntilEnd) {
+  using Serve = std::function<void(int connection)>;
+
+  WorldServer(const std::string& netns, bool holdUntilEnd)
+      : WorldServer(netns, [holdUntilEnd](int connection) { serve(connection, holdUntilEnd); }) {}
+  WorldServer(const std::string& netns, Serve serve) : serve_(std::move(serve)) {
     std::thread([&] {
       const int space = open(("/run/netns/" + netns).c_str(), O_RDONLY | O_CLOEXEC);
       sockaddr_in6 address{};
       address.sin6_family = AF_INET6;
       socklen_t length = sizeof address;
       if (setns(space, CLONE_NEWNET) == 0) fd_ = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
-      if (bind(fd_, reinterpret_cast<sockaddr*>(&address), length) == 0 && listen(fd_, 64) == 0 &&
+      if (bind(fd_, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
+          listen(fd_, SOMAXCONN) == 0 &&
           getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) == 0)
         port_ = ntohs(address.sin6_port);
       close(space);
     }).join();
-    acceptor_ = std::thread([this, holdUntilEnd] {
+    acceptor_ = std::thread([this] {
       for (int connection; (connection = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
         std::lock_guard lock(mutex_);
         open_.insert(connection);
-        workers_.emplace_back([this, connection, holdUntilEnd] {
-          serve(connection, holdUntilEnd);
+        workers_.emplace_back([this, connection] {
+          serve_(connection);
           std::lock_guard done(mutex_);
           open_.erase(connection);
           close(connection);
@@ -199,6 +206,7 @@ class WorldServer {
     return true;
   }
 
+  const Serve serve_;
   int fd_ = -1;
   std::uint16_t port_ = 0;
   mutable std::mutex mutex_;
