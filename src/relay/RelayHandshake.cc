@@ -39,9 +39,9 @@ RelayHandshake::RelayHandshake(std::shared_ptr<const RelayServices> services, NW
     : services_(std::move(services)),
       frontDoor_(std::move(frontDoor)),
       queue_(std::move(queue)),
-      flow_(std::move(flow)),
       fields_(std::move(fields)),
-      trace_(std::move(trace)) {}
+      trace_(std::move(trace)),
+      flow_(std::move(flow)) {}
 
 // Never cancelled: once the gate is settled its firing does nothing. Armed once the first dial
 // has started, so time the flow spent waiting for a busy host before that is not charged to the
@@ -135,7 +135,7 @@ void RelayHandshake::onAck(const std::shared_ptr<NWConnection>& attempt, AckOutc
   attempt->setStateUpdateHandler(nullptr);
   // The bytes that shared a read with the head are the destination's first: the session takes
   // them as its first response, exactly as if a later read had brought them.
-  RelaySession::create(services_, flow_, attempt, fields_, queue_)
+  RelaySession::create(services_, letGo().flow, attempt, fields_, queue_)
       ->start({std::move(outcome.leftover), outcome.isComplete, std::move(outcome.error)});
 }
 
@@ -143,18 +143,19 @@ void RelayHandshake::onAck(const std::shared_ptr<NWConnection>& attempt, AckOutc
 // is nobody to dial for: the flow is closed rather than left waiting.
 void RelayHandshake::failOpen(FailOpenReason reason, FrontDoorVerdict verdict) {
   if (!gate_.claim()) return;
-  std::shared_ptr<NWConnection> current;
-  {
-    MutexLock lock(mutex_);
-    current = std::exchange(current_, nullptr);
-  }
-  if (current) current->cancel();
+  const Held held = letGo();
+  if (held.connection) held.connection->cancel();
   if (services_->context.expired()) {
-    DirectLeg::closeFlow(*flow_);
+    DirectLeg::closeFlow(*held.flow);
     return;
   }
   services_->probe->judge(verdict);
-  DirectLeg::dial(services_, flow_, fields_, reason, queue_);
+  DirectLeg::dial(services_, held.flow, fields_, reason, queue_);
+}
+
+RelayHandshake::Held RelayHandshake::letGo() {
+  MutexLock lock(mutex_);
+  return {std::exchange(flow_, nullptr), std::exchange(current_, nullptr)};
 }
 
 }  // namespace tarnwick

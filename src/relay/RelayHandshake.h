@@ -7,7 +7,9 @@
 //
 // Owned by its pending operations: the budget timer holds it for the whole budget, and each
 // preamble send and acknowledgement read while it is outstanding. Connection state handlers hold
-// it weakly. start() runs on the caller's thread; every callback on the relay queue.
+// it weakly. Once settled it lets go of the flow and the front-door connection, so a relay that
+// ends early is not kept alive by the timer that waits out the rest of the budget. start() runs on
+// the caller's thread; every callback on the relay queue.
 
 #include <cstdint>
 #include <memory>
@@ -49,16 +51,23 @@ class RelayHandshake : public std::enable_shared_from_this<RelayHandshake> {
   // about the front door.
   void failOpen(FailOpenReason reason, FrontDoorVerdict verdict);
 
+  struct Held {
+    std::shared_ptr<NEAppProxyTCPFlow> flow;
+    std::shared_ptr<NWConnection> connection;
+  };
+  // What the settled handshake hands on; called once, by whoever claimed the gate.
+  Held letGo();
+
   const std::shared_ptr<const RelayServices> services_;
   const NWEndpoint frontDoor_;
   const std::shared_ptr<DispatchQueue> queue_;
-  const std::shared_ptr<NEAppProxyTCPFlow> flow_;
   const RelayEventFields fields_;
   const std::string trace_;
 
   RelayGate gate_;
   Mutex mutex_;
-  // The front-door connection of the latest attempt; emptied when the relay fails open.
+  std::shared_ptr<NEAppProxyTCPFlow> flow_ TW_GUARDED_BY(mutex_);
+  // The front-door connection of the latest attempt.
   std::shared_ptr<NWConnection> current_ TW_GUARDED_BY(mutex_);
 };
 

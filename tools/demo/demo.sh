@@ -140,6 +140,9 @@ lines -v '^proxyext.alive' "$WORK/daemon.log" | show
 echo
 lines '^relay.failopen' "$WORK/daemon.log" | lines -o 'reason=[^ ]*' | sed 's/^/   fail-open: /'
 
+say "What the interceptor says of itself (tarnwick-proxyext status)"
+ip netns exec "$AGENT" "$BIN" status --control-socket "$WORK/control.sock" | show
+
 say "The interceptor's log"
 show "$WORK/interceptor.log"
 
