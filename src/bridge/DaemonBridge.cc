@@ -29,8 +29,12 @@ std::optional<std::string> socketPathIn(const Json& options) {
 
 std::shared_ptr<DaemonBridge> DaemonBridge::shared() {
   // Never destroyed: flows and timers may still reach it while the process exits.
-  static const auto* const instance =
-      new std::shared_ptr<DaemonBridge>(create(realRuntime(), resolveSocketPath(std::nullopt)));
+  static const auto* const instance = [] {
+    Options options;
+    options.batchWindow = kBatchWindow;
+    return new std::shared_ptr<DaemonBridge>(
+        create(realRuntime(), resolveSocketPath(std::nullopt), std::move(options)));
+  }();
   return *instance;
 }
 
@@ -106,23 +110,19 @@ void DaemonBridge::reconnect(std::string to) {
 }
 
 void DaemonBridge::send(Json event) {
-  if (pending_events_.fetch_add(1, std::memory_order_relaxed) >= kMaxPendingEvents) {
-    pending_events_.fetch_sub(1, std::memory_order_relaxed);
-    dropped_events_.fetch_add(1, std::memory_order_relaxed);
-    return;
+  // The hottest path: only the first event of a batch wakes the bridge queue.
+  if (outbox_.push(std::move(event)) != EventOutbox::Admission::QueuedFirst) return;
+  Work drain = [weak = weak_from_this()] {
+    if (auto self = weak.lock()) self->drainOutboxLocked();
+  };
+  if (options_.batchWindow > Duration::zero()) {
+    queue_->asyncAfter(options_.batchWindow, std::move(drain));
+  } else {
+    queue_->async(std::move(drain));
   }
-  // The hottest path: one closure, without onQueue's second wrapper.
-  queue_->async([weak = weak_from_this(), event = std::move(event)] {
-    if (auto self = weak.lock()) {
-      self->pending_events_.fetch_sub(1, std::memory_order_relaxed);
-      self->reportDroppedEventsLocked();
-      self->sendLocked(event);
-    }
-  });
 }
 
-void DaemonBridge::reportDroppedEventsLocked() {
-  const std::int64_t dropped = dropped_events_.exchange(0, std::memory_order_relaxed);
+void DaemonBridge::reportDroppedEventsLocked(std::int64_t dropped) {
   if (dropped == 0) return;
   netLog().error("bridge: dropped %ld events — %ld were already waiting to be written", dropped,
                  static_cast<std::int64_t>(kMaxPendingEvents));
@@ -202,19 +202,35 @@ void DaemonBridge::scheduleReconnect() {
   });
 }
 
-void DaemonBridge::sendLocked(const Json& event) {
+void DaemonBridge::drainOutboxLocked() {
   assert(queue_->isCurrent());
+  batch_.clear();
+  reportDroppedEventsLocked(outbox_.take(batch_));
+  if (batch_.empty()) return;
   if (!streamOpenLocked()) {
-    netLog().error("bridge: send dropped — stream not open (scheduling reconnect to %{public}s)",
-                   socket_path_);
+    for (std::size_t i = 0; i < batch_.size(); ++i) {
+      netLog().error("bridge: send dropped — stream not open (scheduling reconnect to %{public}s)",
+                     socket_path_);
+    }
     scheduleReconnect();
     return;
   }
-  const std::optional<std::string> line = EventLine::frame(event);
-  if (!line) return;
-  const std::int64_t n =
-      output_stream_->write(reinterpret_cast<const std::uint8_t*>(line->data()), line->size());
-  if (n <= 0) {
+  batch_lines_.clear();
+  // The first event that has a line, for the first delivery's log line.
+  std::optional<std::size_t> firstBytes;
+  std::size_t firstIndex = 0;
+  for (std::size_t i = 0; i < batch_.size(); ++i) {
+    const std::optional<std::string> line = EventLine::frame(batch_[i]);
+    if (!line) continue;
+    if (!firstBytes) {
+      firstBytes = line->size();
+      firstIndex = i;
+    }
+    batch_lines_ += *line;
+  }
+  if (!firstBytes) return;
+  std::int64_t n = 0;
+  if (!writeAllLocked(batch_lines_, n)) {
     netLog().error(
         "bridge: write failed (n=%ld) to %{public}s — peer likely gone (daemon restart); "
         "reconnecting",
@@ -223,14 +239,26 @@ void DaemonBridge::sendLocked(const Json& event) {
     scheduleReconnect();
     return;
   }
-  if (!logged_first_send_) {
-    logged_first_send_ = true;
-    const Json* kind = jsonMember(event, "kind");
-    const std::string kindText =
-        kind && kind->is_string() ? kind->get<std::string>() : std::string("?");
-    netLog().info("bridge: FIRST event delivered (%ld bytes, kind=%{public}s) → daemon", n,
-                  kindText);
+  if (!logged_first_send_) logFirstSendLocked(batch_[firstIndex], *firstBytes);
+}
+
+void DaemonBridge::logFirstSendLocked(const Json& event, std::size_t bytes) {
+  logged_first_send_ = true;
+  const Json* kind = jsonMember(event, "kind");
+  const std::string kindText =
+      kind && kind->is_string() ? kind->get<std::string>() : std::string("?");
+  netLog().info("bridge: FIRST event delivered (%ld bytes, kind=%{public}s) → daemon",
+                static_cast<std::int64_t>(bytes), kindText);
+}
+
+bool DaemonBridge::writeAllLocked(std::string_view bytes, std::int64_t& written) {
+  while (!bytes.empty()) {
+    written =
+        output_stream_->write(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+    if (written <= 0) return false;
+    bytes.remove_prefix(static_cast<std::size_t>(written));
   }
+  return true;
 }
 
 void DaemonBridge::recordSeverLocked() {
@@ -250,11 +278,9 @@ void DaemonBridge::flushSeversLocked() {
   const Json event = {
       {"kind", "proxy.env.dead"}, {"count", sever_pending_}, {"ts", currentTimestampNs()}};
   const std::optional<std::string> line = EventLine::frame(event);
-  if (!line) return;
-  const std::int64_t n =
-      output_stream_->write(reinterpret_cast<const std::uint8_t*>(line->data()), line->size());
+  std::int64_t n = 0;
   // A failed write keeps the count; the next send meets the failure and reconnects.
-  if (n <= 0) return;
+  if (!line || !writeAllLocked(*line, n)) return;
   netLog().info("bridge: flushed proxy.env.dead count=%ld → daemon", sever_pending_);
   sever_pending_ = 0;
 }

@@ -4,23 +4,26 @@
 //
 // Process-wide (shared()); tests make their own with create(). Every public operation may be
 // called from any thread, returns at once and never reports a failure: the work runs on the
-// serial bridge queue, which owns every field but the two counters of send() (there is no lock),
+// serial bridge queue, which owns every field but the outbox of send() (there is no other lock),
 // and failures end in a log line on netLog and, for the connection, one retry 2 seconds later.
 // The bridge queue is an off-lane queue: its blocking connect and writes (up to the send timeout
-// each) never hold up a thread that carries flows. At most kMaxPendingEvents events wait for it;
-// more are dropped at once rather than making their producer wait or the queue grow without end.
+// each) never hold up a thread that carries flows. Events wait in an outbox that the queue
+// empties in one turn, all its lines in one write; at most kMaxPendingEvents wait there, and more
+// are dropped at once rather than making their producer wait or the outbox grow without end.
 // The blocking read loop runs on a queue of its own and hands what it reads back to the bridge
 // queue, pausing while InboundBacklog::kLimitBytes of it wait there. Every closure holds the
 // bridge weakly and does nothing once it is gone.
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "bridge/DaemonChannel.h"
+#include "bridge/EventOutbox.h"
 #include "bridge/InboundBacklog.h"
 #include "bridge/LineBuffer.h"
 #include "platform/Bytes.h"
@@ -37,15 +40,23 @@ class DaemonBridge : public DaemonChannel, public std::enable_shared_from_this<D
   using PolicySink = std::function<void(const Json& document)>;
 
   static constexpr Duration kReconnectDelay = std::chrono::seconds(2);
-  // Bounds how long one event's write can hold the bridge queue when the daemon stops reading.
+  // Bounds how long one write can hold the bridge queue when the daemon stops reading: a write
+  // that moves nothing in that time ends the connection.
   static constexpr Duration kSendTimeout = std::chrono::milliseconds(250);
   static constexpr std::size_t kReadChunkBytes = 4096;
-  // Events handed to send() and not yet written or dropped. Far more than a burst of flows
-  // produces; a daemon that reads this slowly loses the excess, with a log line.
-  static constexpr std::size_t kMaxPendingEvents = 16384;
+  // Events handed to send() and not yet taken by the bridge queue. Far more than a burst of
+  // flows produces; a daemon that reads this slowly loses the excess, with a log line.
+  static constexpr std::size_t kMaxPendingEvents = EventOutbox::kMaxEvents;
+
+  // How long the process-wide bridge lets the first event of a batch wait for the events that
+  // follow it: a relayed connection makes several within a millisecond or so, and each batch
+  // costs the bridge queue one wake-up and the daemon one write.
+  static constexpr Duration kBatchWindow = std::chrono::milliseconds(1);
 
   struct Options {
     Duration reconnectDelay = kReconnectDelay;
+    // Zero: a batch goes out as soon as the bridge queue gets to it.
+    Duration batchWindow = Duration::zero();
     Duration sendTimeout = kSendTimeout;
     // Absent: the process-wide enforcement policy.
     PolicySink policySink;
@@ -98,8 +109,12 @@ class DaemonBridge : public DaemonChannel, public std::enable_shared_from_this<D
   void adoptPathLocked(std::string path, bool real);
   void openLocked();
   void scheduleReconnect();
-  void sendLocked(const Json& event);
-  void reportDroppedEventsLocked();
+  // Writes every event waiting in the outbox, in the order they were sent.
+  void drainOutboxLocked();
+  void reportDroppedEventsLocked(std::int64_t dropped);
+  void logFirstSendLocked(const Json& event, std::size_t bytes);
+  // Writes all of `bytes`; false when the connection failed or took nothing for a send timeout.
+  bool writeAllLocked(std::string_view bytes, std::int64_t& written);
   void flushSeversLocked();
   void recordSeverLocked();
   void startReadLoop(std::shared_ptr<NativeSocket> socket);
@@ -123,9 +138,11 @@ class DaemonBridge : public DaemonChannel, public std::enable_shared_from_this<D
   bool logged_first_send_ = false;
   bool has_config_path_ = false;
   std::int64_t sever_pending_ = 0;
+  // The batch being written and its lines; kept so a turn of the queue allocates nothing.
+  std::vector<Json> batch_;
+  std::string batch_lines_;
   // Touched by send() on its callers' threads.
-  std::atomic<std::size_t> pending_events_{0};
-  std::atomic<std::int64_t> dropped_events_{0};
+  EventOutbox outbox_;
 };
 
 }  // namespace tarnwick

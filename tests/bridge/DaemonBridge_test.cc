@@ -73,6 +73,45 @@ std::string drain(const UniqueFd& fd, int waitMs = 0) {
 Json alive(int ts) { return {{"kind", "proxyext.alive"}, {"ts", ts}}; }
 const std::string kPush = R"({"kind":"policy.push","version":1})";
 
+// Counts the work handed to the queues it makes, which a simulated runtime runs.
+class CountingQueue : public DispatchQueue {
+ public:
+  CountingQueue(std::shared_ptr<DispatchQueue> inner, std::atomic<std::size_t>& posts)
+      : inner_(std::move(inner)), posts_(posts) {}
+  const std::string& label() const override { return inner_->label(); }
+  QualityOfService qos() const override { return inner_->qos(); }
+  void async(Work work) override {
+    ++posts_;
+    inner_->async(std::move(work));
+  }
+  void asyncAfter(Duration delay, Work work) override {
+    ++posts_;
+    inner_->asyncAfter(delay, std::move(work));
+  }
+  std::shared_ptr<DispatchTimer> makeTimer() override { return inner_->makeTimer(); }
+  bool isCurrent() const override { return inner_->isCurrent(); }
+
+ private:
+  const std::shared_ptr<DispatchQueue> inner_;
+  std::atomic<std::size_t>& posts_;
+};
+
+class CountingRuntime : public Runtime {
+ public:
+  explicit CountingRuntime(std::shared_ptr<SimulatedRuntime> inner) : inner_(std::move(inner)) {}
+  std::shared_ptr<DispatchQueue> makeQueue(std::string label, QualityOfService qos,
+                                           QueueKind kind) override {
+    return std::make_shared<CountingQueue>(inner_->makeQueue(std::move(label), qos, kind), posts);
+  }
+  MonotonicTime monotonicNow() const override { return inner_->monotonicNow(); }
+  WallTime wallNow() const override { return inner_->wallNow(); }
+
+  std::atomic<std::size_t> posts{0};
+
+ private:
+  const std::shared_ptr<SimulatedRuntime> inner_;
+};
+
 class BridgeTest : public ::testing::Test {
  protected:
   BridgeTest() {
@@ -181,6 +220,64 @@ TEST_F(BridgeTest, DaemonThatStopsReadingCostsOneWriteBoundedByTheSendTimeout) {
   for (int i = 0; i < 40; ++i) send(big);
   EXPECT_LT(std::chrono::steady_clock::now() - start, 4 * DaemonBridge::kSendTimeout);
   EXPECT_EQ(logged("bridge: write failed"), 1u) << "the sends after it are dropped at once";
+}
+
+// A burst of events made before the bridge queue gets to run wakes it once, and the daemon gets
+// every line in the order sent.
+TEST_F(BridgeTest, ABurstOfEventsWakesTheBridgeOnce) {
+  const auto counting = std::make_shared<CountingRuntime>(env_);
+  bridge_ = DaemonBridge::create(counting, path_, options_);
+  const UniqueFd daemon = connectDaemon();
+  const std::size_t before = counting->posts;
+  std::string expected;
+  for (int ts = 0; ts < 100; ++ts) {
+    bridge().send(alive(ts));
+    expected += alive(ts).dump() + "\n";
+  }
+  EXPECT_EQ(counting->posts - before, 1u);
+  env_->runUntilIdle();
+  EXPECT_EQ(drain(daemon), expected);
+  send(alive(100));
+  EXPECT_EQ(counting->posts - before, 2u) << "the next event after a drain wakes it again";
+}
+
+// With a batch window, the first event waits for the ones that follow it, and all go out together
+// when the window closes.
+TEST_F(BridgeTest, EventsWithinTheBatchWindowGoOutWhenItCloses) {
+  options_.batchWindow = DaemonBridge::kBatchWindow;
+  const UniqueFd daemon = connectDaemon();
+  bridge().send(alive(1));
+  env_->advance(DaemonBridge::kBatchWindow / 2);
+  bridge().send(alive(2));
+  env_->advance(DaemonBridge::kBatchWindow / 2 - 1us);
+  EXPECT_EQ(drain(daemon), "");
+  env_->advance(1us);
+  EXPECT_EQ(drain(daemon), alive(1).dump() + "\n" + alive(2).dump() + "\n");
+}
+
+// Producers on several threads while the bridge queue drains: no event waits without a drain on
+// its way, and each producer's lines keep their order.
+TEST_F(BridgeTest, EventsFromManyThreadsAllArriveEachThreadsInOrder) {
+  constexpr int kThreads = 4, kEach = 500;
+  const UniqueFd daemon = connectDaemon();
+  std::vector<std::jthread> producers;
+  for (int t = 0; t < kThreads; ++t) {
+    producers.emplace_back([this, t] {
+      for (int i = 0; i < kEach; ++i) bridge_->send({{"kind", "x"}, {"t", t}, {"i", i}});
+    });
+  }
+  LineBuffer lines;
+  std::vector<int> next(kThreads, 0);
+  int received = 0;
+  EXPECT_TRUE(env_->runUntil([&] {
+    const std::string bytes = drain(daemon);
+    lines.append(Bytes(bytes.begin(), bytes.end()), [&](std::string_view line) {
+      const Json event = Json::parse(line);
+      EXPECT_EQ(event["i"], next[event["t"].get<int>()]++);
+      ++received;
+    });
+    return received == kThreads * kEach;
+  }));
 }
 
 // send() only hands the event over: past the bound, an event is dropped on the caller's thread,

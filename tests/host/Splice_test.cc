@@ -123,6 +123,34 @@ TEST_F(SpliceTest, CarriesEveryByteBothWaysAndEachEndAfterItsBytes) {
   started.splice->close(StreamSplice::Closing::ResetAgent);  // once only
 }
 
+// The connection's socket goes to the splice with its receive still waiting: that receive never
+// completes, and what the destination sends after the hand-over reaches the agent, both before
+// and after the agent's side has moved bytes.
+TEST_F(SpliceTest, AReceiveWaitingOnTheConnectionIsTheSplicesToCarry) {
+  upstream_->receive(1, 65536, [](std::optional<Bytes>, bool, std::optional<NWError>) {
+    ADD_FAILURE() << "a receive dropped by the splice completed";
+  });
+  const auto started = splice();
+  ASSERT_TRUE(started.splice);
+  for (const std::string& round : {std::string("first"), patterned(300000)}) {
+    peer_->write(round);
+    std::string arrived(round.size(), '\0');
+    std::size_t got = 0;
+    for (pollfd ready{agent_->fd(), POLLIN, 0};
+         got < round.size() && ::poll(&ready, 1, 5000) > 0;) {
+      const ssize_t n = ::recv(agent_->fd(), arrived.data() + got, round.size() - got, 0);
+      if (n <= 0) break;
+      got += static_cast<std::size_t>(n);
+    }
+    EXPECT_TRUE(arrived == round) << got << " of " << round.size() << " bytes";
+    agent_->write("ack", false);
+    EXPECT_EQ(peer_->read(3), "ack");
+  }
+  started.splice->close(StreamSplice::Closing::Orderly);
+  EXPECT_EQ(peer_->readToEnd(), "");
+  EXPECT_FALSE(peer_->sawReset());
+}
+
 // A connection whose send completion is still on its way is not taken, and neither is the flow:
 // once the completion has run, both go.
 TEST_F(SpliceTest, ALegWithACompletionOnItsWayIsTakenOnlyOnceItArrives) {

@@ -107,22 +107,31 @@ Detachable AsioConnection::detachableLocked() {
   return busy ? Detachable::NotNow : Detachable::Now;
 }
 
-// Releasing the socket from the reactor ends the pending wait for readability, whose handler
-// finds the connection cancelled.
-std::optional<DetachedSocket> AsioConnection::detachSocket() {
-  std::optional<DetachedSocket> detached;
+// Cancelling the moved socket's waits ends the pending wait for readability, whose handler finds
+// the connection cancelled.
+std::optional<asio::ip::tcp::socket> AsioConnection::takeSocket() {
+  std::optional<tcp::socket> taken;
   {
     MutexLock lock(mutex_);
     if (detachableLocked() != Detachable::Now) return std::nullopt;
     state_ = Kind::Cancelled;
     receives_.clear();
-    asio::error_code error;
-    const int fd = socket_.release(error);
-    if (!error) detached.emplace(UniqueFd(fd));
+    taken.emplace(std::move(socket_));
+    asio::error_code ignored;
+    taken->cancel(ignored);
     postStateLocked(NWConnectionState::of(Kind::Cancelled));
   }
   flushOutbox();
-  return detached;
+  return taken;
+}
+
+std::optional<DetachedSocket> AsioConnection::detachSocket() {
+  std::optional<tcp::socket> taken = takeSocket();
+  if (!taken) return std::nullopt;
+  asio::error_code error;
+  const int fd = taken->release(error);
+  if (error) return std::nullopt;
+  return DetachedSocket(UniqueFd(fd));
 }
 
 void AsioConnection::forceCancel() { cancelWith(/*abortive=*/true); }

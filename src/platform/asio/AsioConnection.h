@@ -54,6 +54,9 @@ class AsioConnection : public NWConnection, public std::enable_shared_from_this<
   void forceCancel() override;
   Detachable detachable() override;
   std::optional<DetachedSocket> detachSocket() override;
+  // As detachSocket(), but the socket keeps its place in the lane's reactor, so a splice on the
+  // same lane watches it without registering it again. Its pending waits end as cancelled.
+  std::optional<asio::ip::tcp::socket> takeSocket();
 
  private:
   using Kind = NWConnectionState::Kind;

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/asio/AsioConnection.h"
 #include "platform/asio/AsioRuntime.h"
 
 namespace tarnwick {
@@ -23,24 +24,39 @@ std::size_t indexOf(SpliceDirection direction) {
 }  // namespace
 
 AsioStreamSplice::End::End(asio::io_context& lane, DetachedSocket detached)
-    : socket(std::move(detached)), descriptor(lane) {
-  // The descriptor owns the socket from now on; `socket` keeps the owner's counters and latch.
-  if (socket.socket()) {
-    asio::error_code ignored;
-    descriptor.assign(socket.socket().get(), ignored);
-    if (!ignored) socket.socket().release();
+    : socket(DetachedSocket(UniqueFd())), stream(lane) {
+  adopt(std::move(detached));
+}
+
+AsioStreamSplice::End::End(asio::io_context& lane, UpstreamSocket upstream)
+    : socket(DetachedSocket(UniqueFd())), stream(lane) {
+  if (auto* registered = std::get_if<asio::ip::tcp::socket>(&upstream)) {
+    stream = asio::generic::stream_protocol::socket(std::move(*registered));
+  } else {
+    adopt(std::move(std::get<DetachedSocket>(upstream)));
   }
+}
+
+// The stream owns the socket from now on; `socket` keeps the owner's counters and latch. The
+// protocol is never asked for: the splice only waits on the socket and closes it.
+void AsioStreamSplice::End::adopt(DetachedSocket detached) {
+  socket = std::move(detached);
+  if (!socket.socket()) return;
+  asio::error_code ignored;
+  stream.assign(asio::generic::stream_protocol(AF_UNSPEC, 0), socket.socket().get(), ignored);
+  if (!ignored) socket.socket().release();
 }
 
 std::shared_ptr<AsioStreamSplice> AsioStreamSplice::start(asio::io_context& lane,
                                                           DetachedSocket agent,
-                                                          std::optional<DetachedSocket> upstream,
+                                                          std::optional<UpstreamSocket> upstream,
                                                           std::shared_ptr<DispatchQueue> queue,
                                                           std::weak_ptr<SpliceObserver> observer) {
   const bool upstreamTaken = upstream.has_value();
   const std::shared_ptr<AbortLatch> latch = agent.abortLatch();
   std::shared_ptr<AsioStreamSplice> splice(new AsioStreamSplice(
-      lane, std::move(agent), upstreamTaken ? std::move(*upstream) : DetachedSocket(UniqueFd()),
+      lane, std::move(agent),
+      upstreamTaken ? std::move(*upstream) : UpstreamSocket(DetachedSocket(UniqueFd())),
       std::move(queue), std::move(observer)));
   if (latch) {
     latch->arm([weak = splice->weak_from_this()] {
@@ -51,7 +67,7 @@ std::shared_ptr<AsioStreamSplice> AsioStreamSplice::start(asio::io_context& lane
   asio::post(lane, [splice, upstreamTaken] {
     {
       MutexLock lock(splice->mutex_);
-      if (!upstreamTaken || !splice->upstream_.descriptor.is_open()) {
+      if (!upstreamTaken || !splice->upstream_.stream.is_open()) {
         splice->failLocked(SpliceSide::Upstream, EBUSY);
       } else if (!splice->stopped_) {
         splice->pumpLocked(splice->toUpstream_);
@@ -65,7 +81,7 @@ std::shared_ptr<AsioStreamSplice> AsioStreamSplice::start(asio::io_context& lane
 }
 
 AsioStreamSplice::AsioStreamSplice(asio::io_context& lane, DetachedSocket agent,
-                                   DetachedSocket upstream, std::shared_ptr<DispatchQueue> queue,
+                                   UpstreamSocket upstream, std::shared_ptr<DispatchQueue> queue,
                                    std::weak_ptr<SpliceObserver> observer)
     : queue_(std::move(queue)),
       observer_(std::move(observer)),
@@ -101,9 +117,8 @@ void AsioStreamSplice::onReady(End& end, bool writable, const asio::error_code& 
 
 void AsioStreamSplice::pumpLocked(Direction& direction) {
   if (stopped_ || direction.pump.done()) return;
-  const SplicePump::Step step =
-      direction.pump.pump(direction.from.descriptor.native_handle(),
-                          direction.to.descriptor.native_handle(), lanePipes());
+  const SplicePump::Step step = direction.pump.pump(
+      direction.from.stream.native_handle(), direction.to.stream.native_handle(), lanePipes());
   if (step.moved > 0) {
     direction.to.socket.count(/*read=*/false, step.moved);
     direction.from.socket.count(/*read=*/true, step.moved);
@@ -128,11 +143,10 @@ void AsioStreamSplice::waitOn(End& end, bool writable) {
   bool& waiting = writable ? end.waitingWrite : end.waitingRead;
   if (waiting) return;
   waiting = true;
-  end.descriptor.async_wait(
-      writable ? asio::posix::descriptor_base::wait_write : asio::posix::descriptor_base::wait_read,
-      [self = shared_from_this(), &end, writable](const asio::error_code& error) {
-        self->onReady(end, writable, error);
-      });
+  end.stream.async_wait(writable ? asio::socket_base::wait_write : asio::socket_base::wait_read,
+                        [self = shared_from_this(), &end, writable](const asio::error_code& error) {
+                          self->onReady(end, writable, error);
+                        });
 }
 
 void AsioStreamSplice::failLocked(SpliceSide side, int error) {
@@ -153,13 +167,13 @@ void AsioStreamSplice::abortAgent() {
 
 // An abortive close lingers for no time, so closing the socket sends a reset.
 void AsioStreamSplice::closeEndLocked(End& end, bool reset) {
-  if (!end.descriptor.is_open()) return;
+  if (!end.stream.is_open()) return;
   if (reset) {
     const linger abort{1, 0};
-    ::setsockopt(end.descriptor.native_handle(), SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+    ::setsockopt(end.stream.native_handle(), SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
   }
   asio::error_code ignored;
-  end.descriptor.close(ignored);
+  end.stream.close(ignored);
 }
 
 void AsioStreamSplice::flushReports() {
@@ -224,11 +238,21 @@ class AsioStreamSplicer : public StreamSplicer {
     }
     auto agentSocket = agent.detachSocket();
     if (!agentSocket) return {nullptr, Refusal::NotNow};
-    auto upstreamSocket = upstream.detachSocket();
-    return {
-        AsioStreamSplice::start(runtime_->pickLane().context(), std::move(*agentSocket),
-                                std::move(upstreamSocket), std::move(queue), std::move(observer)),
-        Refusal::Never};
+    asio::io_context* lane = &runtime_->pickLane().context();
+    std::optional<AsioStreamSplice::UpstreamSocket> upstreamSocket;
+    if (auto* connection = dynamic_cast<AsioConnection*>(&upstream)) {
+      // The splice runs on the connection's lane, whose reactor already watches its socket.
+      if (auto registered = connection->takeSocket()) {
+        lane = &static_cast<asio::io_context&>(
+            asio::query(registered->get_executor(), asio::execution::context));
+        upstreamSocket.emplace(std::move(*registered));
+      }
+    } else if (auto detached = upstream.detachSocket()) {
+      upstreamSocket.emplace(std::move(*detached));
+    }
+    return {AsioStreamSplice::start(*lane, std::move(*agentSocket), std::move(upstreamSocket),
+                                    std::move(queue), std::move(observer)),
+            Refusal::Never};
   }
 
  private:

@@ -6,6 +6,9 @@
 // splice posts one report per turn of the queue, not one per pipe load), each end of stream,
 // the first error. The former owners' counters hear of every byte.
 //
+// An upstream socket that is still registered with the lane's reactor (a real connection's) is
+// watched through that registration as it is, which saves removing it and adding it again.
+//
 // Everything but close() and the owner's abort runs on the lane thread; mutex_ guards all state
 // and is never held while the relay's events run. Each pending wait holds the splice; close()
 // ends them.
@@ -14,6 +17,7 @@
 #include <memory>
 #include <optional>
 #include <utility>
+#include <variant>
 
 #include "platform/DetachedSocket.h"
 #include "platform/Mutex.h"
@@ -25,10 +29,13 @@ namespace tarnwick {
 class AsioStreamSplice : public StreamSplice,
                          public std::enable_shared_from_this<AsioStreamSplice> {
  public:
+  // A socket registered with the lane's reactor, or one that is not.
+  using UpstreamSocket = std::variant<asio::ip::tcp::socket, DetachedSocket>;
+
   // `upstream` absent: its socket could not be taken after the agent's was; the splice then
   // only reports that the upstream failed.
   static std::shared_ptr<AsioStreamSplice> start(asio::io_context& lane, DetachedSocket agent,
-                                                 std::optional<DetachedSocket> upstream,
+                                                 std::optional<UpstreamSocket> upstream,
                                                  std::shared_ptr<DispatchQueue> queue,
                                                  std::weak_ptr<SpliceObserver> observer);
 
@@ -37,8 +44,10 @@ class AsioStreamSplice : public StreamSplice,
  private:
   struct End {
     End(asio::io_context& lane, DetachedSocket socket);
+    End(asio::io_context& lane, UpstreamSocket socket);
+    void adopt(DetachedSocket detached);
     DetachedSocket socket;
-    asio::posix::stream_descriptor descriptor;
+    asio::generic::stream_protocol::socket stream;
     bool waitingRead = false;
     bool waitingWrite = false;
   };
@@ -49,7 +58,7 @@ class AsioStreamSplice : public StreamSplice,
     End& to;
   };
 
-  AsioStreamSplice(asio::io_context& lane, DetachedSocket agent, DetachedSocket upstream,
+  AsioStreamSplice(asio::io_context& lane, DetachedSocket agent, UpstreamSocket upstream,
                    std::shared_ptr<DispatchQueue> queue, std::weak_ptr<SpliceObserver> observer);
 
   // The lane thread.
