@@ -122,6 +122,13 @@ void DaemonBridge::send(Json event) {
   }
 }
 
+void DaemonBridge::flush(Work done) {
+  onQueue([done = std::move(done)](DaemonBridge& self) {
+    self.drainOutboxLocked();
+    done();
+  });
+}
+
 void DaemonBridge::reportDroppedEventsLocked(std::int64_t dropped) {
   if (dropped == 0) return;
   netLog().error("bridge: dropped %ld events — %ld were already waiting to be written", dropped,

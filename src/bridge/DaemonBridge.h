@@ -92,6 +92,9 @@ class DaemonBridge : public DaemonChannel, public std::enable_shared_from_this<D
   void send(Json event) override;
   // Counts a committed relay's sever when there is no open connection, for the next one.
   void recordCommittedSeverIfUnhealthy() override;
+  // Writes what waits in the outbox now, without waiting out the batch window, then calls `done`
+  // on the bridge queue. For a process about to end: its last events would otherwise be lost.
+  void flush(Work done);
 
   // The most inbound bytes that waited at once on the current connection. The bridge queue's own
   // thread only (a simulated runtime's test thread).

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <future>
 #include <regex>
 
 #include "bridge/DaemonBridge.h"
@@ -172,6 +173,15 @@ std::shared_ptr<TransparentProxyProvider> makeProvider(host::ProxyHost::Options&
   std::_Exit(status);
 }
 
+// The events of the flows the stop has just ended may still wait for the bridge's next batch:
+// they go out before the process ends, unless the daemon does not take them within a second.
+void flushEvents() {
+  auto written = std::make_shared<std::promise<void>>();
+  auto done = written->get_future();
+  DaemonBridge::shared()->flush([written] { written->set_value(); });
+  done.wait_for(std::chrono::seconds(1));
+}
+
 int run(const std::vector<std::string>& args) {
   RunArguments arguments;
   OptionReader reader(args);
@@ -214,6 +224,7 @@ int run(const std::vector<std::string>& args) {
   sigwait(&stopSignals, &signal);
   host::hostLog().info("host: stopping on signal %d", signal);
   proxyHost->stop();
+  flushEvents();
   exitProcess(kExitOk);
 }
 

@@ -253,6 +253,12 @@ TEST_F(BridgeTest, EventsWithinTheBatchWindowGoOutWhenItCloses) {
   EXPECT_EQ(drain(daemon), "");
   env_->advance(1us);
   EXPECT_EQ(drain(daemon), alive(1).dump() + "\n" + alive(2).dump() + "\n");
+  // A flush does not wait for the window: the events are written before it reports done.
+  bridge().send(alive(3));
+  bool done = false;
+  bridge().flush([&] { done = (drain(daemon) == alive(3).dump() + "\n"); });
+  env_->runUntilIdle();
+  EXPECT_TRUE(done);
 }
 
 // Producers on several threads while the bridge queue drains: no event waits without a drain on

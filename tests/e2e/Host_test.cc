@@ -80,7 +80,8 @@ TEST_F(EndToEndTest, StatusShowsWhatTheInterceptorDid) {
 }
 
 // Stopped while watched programs hold connections open, the interceptor ends them, so each
-// program sees its connection reset instead of waiting on it, and exits 0 promptly.
+// program sees its connection reset instead of waiting on it, tells the daemon, and exits 0
+// promptly.
 TEST_F(EndToEndTest, StopWithLiveRelaysEndsThemAndExitsPromptly) {
   ASSERT_NO_FATAL_FAILURE(startFrontDoor());
   ASSERT_NO_FATAL_FAILURE(startInterceptor());
@@ -100,6 +101,8 @@ TEST_F(EndToEndTest, StopWithLiveRelaysEndsThemAndExitsPromptly) {
         << client->output();
   }
   EXPECT_TRUE(eventually([&] { return !tableExists(); }, 2s));
+  // The daemon hears of every relay the stop ended, though the process ended right after.
+  EXPECT_TRUE(awaitEvents("relay.close", clients.size(), 2s));
 }
 
 }  // namespace
