@@ -9,6 +9,11 @@
 //
 // A connection opens with one command byte: 'U' the client sends until it closes, 'D' the server
 // sends until the client closes, 'R' the server answers 64 bytes and waits for the close.
+// The server serves each connection on a thread of its own, taken from the threads whose
+// connection has closed, and starts a new one only when none is free: a thread made for the
+// connection is placed on a core by the fork balancer, which on a busy two-core machine often
+// puts it behind a CPU-bound process for a whole scheduler tick (4 ms at HZ=250) before it runs
+// at all, and every path's latency would carry that wait.
 // --via first asks a CONNECT proxy for HOST:PORT, as a proxy-aware client would.
 // throughput prints "gbps=X bytes=N"; latency prints "p50_us=X p99_us=Y conns_per_s=Z";
 // hold prints "ready" once COUNT answered connections are open, and closes them at end of input.
@@ -22,10 +27,13 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <iostream>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -127,6 +135,39 @@ void serveOne(int fd) {
   close(fd);
 }
 
+// Threads that wait for a connection to serve; one is woken for each accepted connection, and a
+// new one joins only when all are busy.
+class ServerThreads {
+ public:
+  void serve(int client) {
+    std::unique_lock lock(mutex_);
+    waiting_.push_back(client);
+    if (idle_ < waiting_.size()) std::thread(&ServerThreads::work, this).detach();
+    lock.unlock();
+    ready_.notify_one();
+  }
+
+ private:
+  [[noreturn]] void work() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      ++idle_;
+      ready_.wait(lock, [this] { return !waiting_.empty(); });
+      --idle_;
+      const int client = waiting_.front();
+      waiting_.pop_front();
+      lock.unlock();
+      serveOne(client);
+      lock.lock();
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable ready_;
+  std::deque<int> waiting_;  // accepted, not yet taken by a thread
+  std::size_t idle_ = 0;     // threads waiting for a connection
+};
+
 int serve(const std::string& port) {
   const int fd = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const int on = 1;
@@ -140,9 +181,11 @@ int serve(const std::string& port) {
     fail("listen");
   std::printf("listening\n");
   std::fflush(stdout);
+  // Lives as long as the process: the server runs until it is killed.
+  auto* const threads = new ServerThreads;
   for (;;) {
     const int client = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
-    if (client >= 0) std::thread(serveOne, client).detach();
+    if (client >= 0) threads->serve(client);
   }
 }
 
